@@ -1,0 +1,100 @@
+// The cabin-media-server process: checks its command line, starts the platform and the media
+// server in a fixed order, runs the event loop until SIGTERM or SIGINT, then stops playback and
+// finalises the platform before exiting 0.
+
+#include "app/CommandLine.h"
+#include "app/ConfigTable.h"
+#include "media_server/MediaServerDataValues.h"
+#include "platform/core/Finalizer.h"
+#include "platform/core/RuntimeEnv.h"
+#include "platform/core/SignalHandlers.h"
+#include "platform/core/TagTracer.h"
+#include "platform/datavalue/DataValueManager.h"
+#include "platform/log/LogLine.h"
+#include "vehicle/VehicleDataValues.h"
+
+#include <QCoreApplication>
+
+#include <cstdio>
+#include <unistd.h>
+
+namespace {
+
+void print(FILE* stream, const QString& text)
+{
+    std::fputs(text.toLocal8Bit().constData(), stream);
+    std::fflush(stream);
+}
+
+// The order matters: configuration overrides arrive in step 9, so nothing may read a setting
+// for behaviour before that; the player exists before the event loop can deliver a request.
+void startUp(QCoreApplication& app, int argc, char** argv)
+{
+    // 1. URL resolution is initialised first, before the application object, when the
+    //    downloads layer provides it.
+    // 2. The application object exists (made by the caller).
+    tag_tracer_init();                                                        // 3
+    app.setOrganizationName(QStringLiteral("KelvraMotors"));                  // 4
+    app.setOrganizationDomain(QStringLiteral("com.kelvramotors"));
+    app.setApplicationName(QStringLiteral("CabinMediaServer2"));
+    registerSignalHandlers();                                                 // 5
+    qInstallMessageHandler(&Logger::handleQtLogMessage);                      // 6
+    // 7. Every download counts its traffic into MEDIA2_connNetStats (handed to the downloader
+    //    when it exists); the statistics follow the link state.
+    MEDIA2_connNetStats.setLinkStateValue(&LINK_linkState);
+    DataValueManager::instance()->loadInitialValues();                        // 8
+    RuntimeEnv::instance()->setFromArgs(argc, argv);                          // 9
+    LOG_INFO << "CabinMediaServer2 " << CABIN_VERSION << " starting, pid " << qint64(::getpid())
+             << ", settings file " << RuntimeEnv::instance()->settingsFile();
+    DataValueManager::instance()->startLogging(&MEDIA2_serverState);          // 10
+    DataValueManager::instance()->startLogging(&MEDIA2_nowPlayingTitle);
+    // 11. The server player singleton is created here, on the main thread, once the playback
+    //     engine exists.
+    // 12. The service manager is given MEDIA2_connNetStats once services are hosted.
+}
+
+// Playback stops before the finalisers tear down what it uses.
+void shutDown()
+{
+    LOG_INFO << "event loop ended, shutting down";
+    // 1. The server player is stopped here once it exists.
+    Finalizer::instance()->finalize();                                        // 2
+    LOG_INFO << "stopped";
+    Logger::flush();
+}
+
+int run(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    startUp(app, argc, argv);
+    LOG_INFO << "running";
+    const int status = app.exec();                                            // 13
+    shutDown();
+    return status;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    CommandLine commandLine;
+    switch (commandLine.parse(argc, argv)) {
+    case CommandLine::Help:
+        print(stdout, CommandLine::usage());
+        return 0;
+    case CommandLine::Version:
+        print(stdout, CommandLine::version() + QLatin1Char('\n'));
+        return 0;
+    case CommandLine::Invalid:
+        print(stderr, QStringLiteral("cabin-media-server: ") + commandLine.error() + QLatin1Char('\n'));
+        return 2;
+    case CommandLine::ListConfig:
+        RuntimeEnv::instance()->setFromArgs(argc, argv);
+        Logger::flush();
+        print(stdout, ConfigTable::text());
+        return 0;
+    case CommandLine::Run:
+        break;
+    }
+    return run(argc, argv);
+}

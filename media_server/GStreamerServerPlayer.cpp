@@ -1,0 +1,12 @@
+// The server player. The player class is built on this setting; it lives here, beside the
+// code that reads it.
+
+#include "platform/config/ConfigBoolValue.h"
+
+namespace {
+
+// Every transition of the playback state machine in the log: on by default, because the state
+// history is the first thing needed when a field report says playback stopped.
+ConfigBoolValue sTracePlayerSm("media_server/trace_player_sm", true);
+
+} // namespace

@@ -1,0 +1,26 @@
+#include "platform/config/ConfigValue.h"
+
+#include "platform/config/ConfigStore.h"
+
+ConfigValue::ConfigValue(const QString& key, const char* typeName)
+    : mKey(key)
+    , mTypeName(typeName)
+{
+    ConfigStore::instance()->registerValue(this);
+}
+
+ConfigValue::~ConfigValue()
+{
+    ConfigStore::instance()->unregisterValue(this);
+}
+
+QString ConfigValue::currentText() const
+{
+    QString text;
+    return overrideText(&text) ? text : defaultText();
+}
+
+bool ConfigValue::overrideText(QString* text) const
+{
+    return ConfigStore::instance()->lookup(mKey, text);
+}
