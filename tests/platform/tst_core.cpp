@@ -66,8 +66,6 @@ class TestCore : public QObject
 private slots:
     void lineHasTimeLevelThreadFunctionAndMessage();
     void piecesAreConcatenatedAsGiven();
-    void levelsAreNamed_data();
-    void levelsAreNamed();
     void assertionKeepsItsTextsAndContinues();
     void assertionMacroNamesTheSourceFromTheBuildTree();
     void qtMessagesReachTheLog_data();
@@ -78,7 +76,6 @@ private slots:
     void singletonsAreDestroyedNewestFirstByFinalize();
     void threadStoppedAtShutdown();
     void timerStartedFromAnotherThreadFires();
-    void timerUtilsRefusesNullTimer();
     void traceTagsComeFromTheEnvironment_data();
     void traceTagsComeFromTheEnvironment();
 };
@@ -97,23 +94,6 @@ void TestCore::piecesAreConcatenatedAsGiven()
     logFromHere();
     QCOMPARE(log.lines(), QStringList{"logFromHere(): pieces 42 2.5 true bytes -9000000000"});
     QCOMPARE(log.records().first().level, LogRecord::Warn);
-}
-
-void TestCore::levelsAreNamed_data()
-{
-    QTest::addColumn<int>("level");
-    QTest::addColumn<QString>("name");
-    QTest::newRow("info") << int(Logger::Info) << "INFO";
-    QTest::newRow("warn") << int(Logger::Warn) << "WARN";
-    QTest::newRow("error") << int(Logger::Error) << "ERROR";
-}
-
-void TestCore::levelsAreNamed()
-{
-    QFETCH(int, level);
-    QFETCH(QString, name);
-    const QString written = captureStderr([level] { Logger::write(Logger::Level(level), "fn", QStringLiteral("m")); });
-    QVERIFY2(written.contains(QLatin1Char(' ') + name + QStringLiteral(" [main] fn(): m\n")), qPrintable(written));
 }
 
 void TestCore::assertionKeepsItsTextsAndContinues()
@@ -263,21 +243,12 @@ void TestCore::timerStartedFromAnotherThreadFires()
     QCOMPARE(timer.interval(), 0);
 }
 
-void TestCore::timerUtilsRefusesNullTimer()
-{
-    LogCapture log;
-    TimerUtils::startTimer(nullptr, 10);
-    TimerUtils::stopTimer(nullptr);
-    QCOMPARE(log.assertMessages(), (QStringList{"TimerUtils::startTimer(): no timer", "TimerUtils::stopTimer(): no timer"}));
-}
-
 void TestCore::traceTagsComeFromTheEnvironment_data()
 {
     QTest::addColumn<QString>("environment");
     QTest::addColumn<bool>("cacheEnabled");
     QTest::addColumn<bool>("otherEnabled");
     QTest::newRow("unset") << QString() << false << false;
-    QTest::newRow("one tag, any case") << "StreamCache" << true << false;
     QTest::newRow("list with spaces") << "fifo, streamcache" << true << false;
     QTest::newRow("all") << "all" << true << true;
 }
