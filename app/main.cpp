@@ -11,6 +11,7 @@
 #include "platform/core/TagTracer.h"
 #include "platform/datavalue/DataValueManager.h"
 #include "platform/log/LogLine.h"
+#include "platform/service/ServiceManager.h"
 #include "vehicle/VehicleDataValues.h"
 
 #include <QCoreApplication>
@@ -28,6 +29,13 @@ void print(FILE* stream, const QString& text)
 
 // The order matters: configuration overrides arrive in step 9, so nothing may read a setting
 // for behaviour before that; the player exists before the event loop can deliver a request.
+// The services registered at static initialisation are served from here on; requests are
+// dispatched once the event loop runs.
+bool startServing()
+{
+    return ServiceManager::instance()->start();
+}
+
 void startUp(QCoreApplication& app, int argc, char** argv)
 {
     // 1. URL resolution is initialised first, before the application object, when the
@@ -50,7 +58,7 @@ void startUp(QCoreApplication& app, int argc, char** argv)
     DataValueManager::instance()->startLogging(&MEDIA2_nowPlayingTitle);
     // 11. The server player singleton is created here, on the main thread, once the playback
     //     engine exists.
-    // 12. The service manager is given MEDIA2_connNetStats once services are hosted.
+    ServiceManager::instance()->setConnectionUsage(&MEDIA2_connNetStats);     // 12
 }
 
 // Playback stops before the finalisers tear down what it uses.
@@ -67,6 +75,11 @@ int run(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     startUp(app, argc, argv);
+    if (!startServing()) {
+        Finalizer::instance()->finalize();
+        Logger::flush();
+        return 1;
+    }
     LOG_INFO << "running";
     const int status = app.exec();                                            // 13
     shutDown();

@@ -1,5 +1,4 @@
-// The server player. The player class is built on this setting; it lives here, beside the
-// code that reads it.
+#include "media_server/GStreamerServerPlayer.h"
 
 #include "platform/config/ConfigBoolValue.h"
 
@@ -10,3 +9,12 @@ namespace {
 ConfigBoolValue sTracePlayerSm("media_server/trace_player_sm", true);
 
 } // namespace
+
+namespace MediaV2 {
+
+GStreamerServerPlayer* GStreamerServerPlayer::instance()
+{
+    return nullptr;
+}
+
+} // namespace MediaV2

@@ -1,7 +1,17 @@
-// Service hosting on D-Bus. The service manager is built on this setting; it lives here, beside
-// the code that reads it.
+#include "platform/service/ServiceManager.h"
 
 #include "platform/config/ConfigStringValue.h"
+#include "platform/log/LogLine.h"
+#include "platform/service/DBusNames.h"
+#include "platform/service/DBusServiceClient.h"
+#include "platform/service/DBusServiceObject.h"
+#include "platform/service/DataValueBusObject.h"
+#include "platform/service/ServiceInterface.h"
+#include "platform/service/ServiceManagerRegistrar.h"
+#include "utils/Singleton.h"
+
+#include <QDBusConnectionInterface>
+#include <QMetaObject>
 
 namespace {
 
@@ -9,3 +19,139 @@ namespace {
 ConfigStringValue sBus("service/bus", QStringLiteral("session"));
 
 } // namespace
+
+// Lets Singleton create the manager through its private constructor.
+class ServiceManagerSingleton : public ServiceManager
+{
+};
+
+ServiceManager* ServiceManager::instance()
+{
+    return Singleton<ServiceManagerSingleton>::instance();
+}
+
+ServiceManager::~ServiceManager()
+{
+    for (ServiceInterface* server : mServers)
+        mConnection.unregisterObject(DBusNames::objectPath(server->interfaceName()));
+    if (mDataValues)
+        mConnection.unregisterObject(QStringLiteral("/DataValues"));
+    qDeleteAll(mServers);
+    if (!mConnectionName.isEmpty())
+        QDBusConnection::disconnectFromBus(mConnectionName);
+}
+
+QString ServiceManager::busDescription() const
+{
+    const QString bus = sBus.value();
+    if (bus == QLatin1String("session")) {
+        const QString address = qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS");
+        return QStringLiteral("the session bus (%1)")
+            .arg(address.isEmpty() ? QStringLiteral("DBUS_SESSION_BUS_ADDRESS is not set") : address);
+    }
+    if (bus == QLatin1String("system"))
+        return QStringLiteral("the system bus");
+    return QStringLiteral("the bus at %1").arg(bus);
+}
+
+bool ServiceManager::connectBus(QString* error)
+{
+    if (mConnection.isConnected())
+        return true;
+    const QString bus = sBus.value();
+    if (bus == QLatin1String("session")) {
+        mConnection = QDBusConnection::sessionBus();
+    } else if (bus == QLatin1String("system")) {
+        mConnection = QDBusConnection::systemBus();
+    } else {
+        mConnectionName = QStringLiteral("cabin-") + bus;
+        mConnection = QDBusConnection::connectToBus(bus, mConnectionName);
+    }
+    if (mConnection.isConnected())
+        return true;
+    *error = QStringLiteral("cannot reach %1: %2; start a bus there or choose another with --set service/bus=ADDRESS")
+                 .arg(busDescription(), mConnection.lastError().message());
+    return false;
+}
+
+bool ServiceManager::start()
+{
+    QString error;
+    if (!connectBus(&error) || !createServers() || !exportObjects(&error) || !ownNames(&error)) {
+        if (!error.isEmpty())
+            LOG_ERROR << error;
+        return false;
+    }
+    LOG_INFO << "serving " << mServers.size() << " services on " << busDescription();
+    return true;
+}
+
+bool ServiceManager::createServers()
+{
+    for (const ServiceManagerRegistrar::Registration& registration : ServiceManagerRegistrar::registrations()) {
+        if (registration.instanceType != ServerInstance || findServer(registration.serviceName, registration.interfaceName))
+            continue;
+        const QMetaObject* metaObject = ServiceManagerRegistrar::implementationOf(registration.metaObject);
+        auto* server = qobject_cast<ServiceInterface*>(metaObject->newInstance());
+        if (!server) {
+            LOG_ERROR << "cannot create the service " << registration.serviceName << " (class "
+                      << metaObject->className() << " has no invokable constructor without arguments)";
+            return false;
+        }
+        mServers.append(server);
+    }
+    return true;
+}
+
+bool ServiceManager::exportObjects(QString* error)
+{
+    for (ServiceInterface* server : mServers) {
+        auto* object = new DBusServiceObject(server, mConnection, server);
+        if (!mConnection.registerVirtualObject(DBusNames::objectPath(server->interfaceName()), object)) {
+            *error = QStringLiteral("cannot serve %1 on %2").arg(DBusNames::objectPath(server->interfaceName()), busDescription());
+            return false;
+        }
+    }
+    mDataValues = std::make_unique<DataValueBusObject>(mConnection);
+    if (!mConnection.registerVirtualObject(QStringLiteral("/DataValues"), mDataValues.get())) {
+        *error = QStringLiteral("cannot serve /DataValues on %1").arg(busDescription());
+        return false;
+    }
+    return true;
+}
+
+bool ServiceManager::ownNames(QString* error)
+{
+    QStringList names;
+    for (ServiceInterface* server : mServers)
+        if (!names.contains(DBusNames::busName(server->serviceName())))
+            names.append(DBusNames::busName(server->serviceName()));
+    for (const QString& name : names) {
+        const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> reply = mConnection.interface()->registerService(
+            name, QDBusConnectionInterface::DontQueueService, QDBusConnectionInterface::DontAllowReplacement);
+        if (!reply.isValid() || reply.value() != QDBusConnectionInterface::ServiceRegistered) {
+            *error = QStringLiteral("the bus name %1 is already owned on %2; stop the process that owns it first")
+                         .arg(name, busDescription());
+            return false;
+        }
+    }
+    return true;
+}
+
+ServiceInterface* ServiceManager::findServer(const QString& serviceName, const QString& interfaceName) const
+{
+    for (ServiceInterface* server : mServers)
+        if (server->serviceName() == serviceName && server->interfaceName() == interfaceName)
+            return server;
+    return nullptr;
+}
+
+DBusServiceClient* ServiceManager::client()
+{
+    if (!mClient) {
+        QString error;
+        connectBus(&error);
+        mClient = std::make_unique<DBusServiceClient>(mConnection);
+    }
+    return mClient.get();
+}

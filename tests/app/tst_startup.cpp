@@ -1,12 +1,15 @@
 // The real cabin-media-server binary: its command line, the whole configuration table, the
 // settings file and command-line layers, refusals, start-up logging and the exits on signals.
 
+#include "tests/support/PrivateBus.h"
+
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QtTest>
 
 #include <csignal>
+#include <memory>
 
 namespace {
 
@@ -57,7 +60,9 @@ public:
     // Starts the server and waits until its log says the event loop runs.
     bool startRunning(const QStringList& args = {})
     {
-        process.start(serverPath(), args);
+        if (busAddress().isEmpty())
+            return false;
+        process.start(serverPath(), args + QStringList{"--set", "service/bus=" + busAddress()});
         if (!process.waitForStarted(10000))
             return false;
         QElapsedTimer timer;
@@ -93,8 +98,17 @@ public:
     QString out;
     QString err;
 
+    // The run's own bus, started on first use.
+    QString busAddress()
+    {
+        if (!mBus)
+            mBus = std::make_unique<PrivateBus>();
+        return mBus->address();
+    }
+
 private:
     QTemporaryDir mDir;
+    std::unique_ptr<PrivateBus> mBus;
 };
 
 QStringList configLines(const QString& out)
@@ -120,6 +134,7 @@ private slots:
     void malformedSettingsFileLogsOnceAndKeepsDefaults();
     void startsLogsAndExitsCleanlyOnSignal_data();
     void startsLogsAndExitsCleanlyOnSignal();
+    void cannotStartWithoutBusOrName();
     void journalGetsPriorityPrefixes();
     void fatalSignalLeavesABacktrace();
 };
@@ -310,13 +325,32 @@ void TestStartup::startsLogsAndExitsCleanlyOnSignal()
     QCOMPARE(run.process.exitStatus(), QProcess::NormalExit);
     QCOMPARE(run.process.exitCode(), 0);
     const QStringList texts = run.logTexts();
-    QCOMPARE(texts.size(), 5);
+    QCOMPARE(texts.size(), 6);
     QVERIFY2(texts.at(0).startsWith(QLatin1String("INFO startUp(): CabinMediaServer2 0.1.0 starting, pid ")), qPrintable(texts.at(0)));
     QVERIFY2(texts.at(0).endsWith(QLatin1String("custom.conf")), qPrintable(texts.at(0)));
-    QCOMPARE(texts.mid(1), (QStringList{"INFO run(): running",
+    QCOMPARE(texts.mid(1), (QStringList{"INFO start(): serving 1 services on the bus at " + run.busAddress(),
+                                        "INFO run(): running",
                                         "INFO readSignals(): received " + name + ", shutting down",
                                         "INFO shutDown(): event loop ended, shutting down",
                                         "INFO shutDown(): stopped"}));
+}
+
+void TestStartup::cannotStartWithoutBusOrName()
+{
+    ServerRun first;
+    QVERIFY(first.startRunning());
+    ServerRun second;
+    QVERIFY(second.runToEnd({"--set", "service/bus=" + first.busAddress()}));
+    QCOMPARE(second.process.exitCode(), 1);
+    QCOMPARE(second.logTexts().last(), "ERROR start(): the bus name com.kelvramotors.MediaServer2 is already owned on the bus at "
+                                           + first.busAddress() + "; stop the process that owns it first");
+    ServerRun noBus;
+    QVERIFY(noBus.runToEnd({"--set", "service/bus=unix:path=/nonexistent/bus"}));
+    QCOMPARE(noBus.process.exitCode(), 1);
+    QVERIFY2(noBus.logTexts().last().startsWith("ERROR start(): cannot reach the bus at unix:path=/nonexistent/bus: "),
+             qPrintable(noBus.err));
+    first.process.terminate();
+    QVERIFY(first.finish());
 }
 
 void TestStartup::journalGetsPriorityPrefixes()

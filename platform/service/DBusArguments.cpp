@@ -1,0 +1,114 @@
+#include "platform/service/DBusArguments.h"
+
+#include "platform/datavalue/VariantConversion.h"
+
+#include <QDBusArgument>
+#include <QDBusVariant>
+
+namespace DBusArguments {
+
+namespace {
+
+QString typeName(int type)
+{
+    switch (type) {
+    case QMetaType::Int: return QStringLiteral("int32 (i)");
+    case QMetaType::UInt: return QStringLiteral("uint32 (u)");
+    case QMetaType::LongLong: return QStringLiteral("int64 (x)");
+    case QMetaType::ULongLong: return QStringLiteral("uint64 (t)");
+    case QMetaType::Double: return QStringLiteral("double (d)");
+    case QMetaType::QString: return QStringLiteral("string (s)");
+    case QMetaType::Bool: return QStringLiteral("boolean (b)");
+    default: return type == qMetaTypeId<QDBusArgument>() ? QStringLiteral("a container") : QString::fromLatin1(QMetaType(type).name());
+    }
+}
+
+bool isNamedForm(const QDBusMessage& message)
+{
+    return message.signature() == QLatin1String("a{sv}");
+}
+
+QVariant unwrap(const QVariant& value)
+{
+    if (value.userType() == qMetaTypeId<QDBusVariant>())
+        return value.value<QDBusVariant>().variant();
+    return value;
+}
+
+bool takeValue(const QString& name, const QVariant& raw, QMetaType::Type type, QVariantMap* arguments, QString* error)
+{
+    QVariant converted;
+    if (!convertStrictly(unwrap(raw), type, &converted)) {
+        *error = QStringLiteral("argument \"%1\" must be %2, got %3")
+                     .arg(name, typeName(type), typeName(unwrap(raw).userType()));
+        return false;
+    }
+    arguments->insert(name, converted);
+    return true;
+}
+
+bool fromNamedForm(const QDBusMessage& message, const ServiceMethod& method, QVariantMap* arguments, QString* error)
+{
+    const QVariantMap named = qdbus_cast<QVariantMap>(message.arguments().value(0));
+    for (auto it = named.constBegin(); it != named.constEnd(); ++it)
+        arguments->insert(it.key(), unwrap(it.value()));
+    for (const ServiceArgument& argument : method.arguments)
+        if (named.contains(argument.name) && !takeValue(argument.name, named.value(argument.name), argument.type, arguments, error))
+            return false;
+    return true;
+}
+
+bool fromPositionalForm(const QDBusMessage& message, const ServiceMethod& method, QVariantMap* arguments, QString* error)
+{
+    const QVariantList values = message.arguments();
+    for (int i = 0; i < values.size(); ++i) {
+        if (i >= method.arguments.size()) {
+            arguments->insert(QStringLiteral("arg%1").arg(i), QVariant(QString()));
+            continue;
+        }
+        if (!takeValue(method.arguments.at(i).name, values.at(i), method.arguments.at(i).type, arguments, error))
+            return false;
+    }
+    return true;
+}
+
+} // namespace
+
+bool convertStrictly(const QVariant& value, QMetaType::Type type, QVariant* converted)
+{
+    switch (type) {
+    case QMetaType::Int: {
+        int number = 0;
+        if (value.userType() == QMetaType::QString || !VariantConversion::toInt(value, &number))
+            return false;
+        *converted = number;
+        return true;
+    }
+    case QMetaType::Bool: {
+        bool flag = false;
+        if (value.userType() != QMetaType::Bool && !VariantConversion::toBool(value, &flag))
+            return false;
+        *converted = value.userType() == QMetaType::Bool ? value.toBool() : flag;
+        return true;
+    }
+    case QMetaType::QString: {
+        QString text;
+        if (!VariantConversion::toString(value, &text))
+            return false;
+        *converted = text;
+        return true;
+    }
+    default:
+        return false;
+    }
+}
+
+bool toNamedArguments(const QDBusMessage& message, const ServiceMethod& method, QVariantMap* arguments, QString* error)
+{
+    arguments->clear();
+    if (isNamedForm(message))
+        return fromNamedForm(message, method, arguments, error);
+    return fromPositionalForm(message, method, arguments, error);
+}
+
+} // namespace DBusArguments

@@ -1,0 +1,48 @@
+#include "platform/service/DBusIntrospection.h"
+
+namespace DBusIntrospection {
+
+namespace {
+
+QString argumentXml(const QString& name, const char* type, const char* direction)
+{
+    return QStringLiteral("      <arg name=\"%1\" type=\"%2\" direction=\"%3\"/>\n")
+        .arg(name, QLatin1String(type), QLatin1String(direction));
+}
+
+QString methodXml(const ServiceMethod& method)
+{
+    QString xml = QStringLiteral("    <method name=\"%1\">\n").arg(method.name);
+    for (const ServiceArgument& argument : method.arguments)
+        xml += argumentXml(argument.name, dbusSignatureFor(argument.type), "in");
+    if (method.resultType != QMetaType::Void)
+        xml += argumentXml(method.resultType == QMetaType::Bool ? QStringLiteral("result") : QStringLiteral("body"),
+                           dbusSignatureFor(method.resultType), "out");
+    return xml + QStringLiteral("    </method>\n");
+}
+
+} // namespace
+
+QString interfaceXml(const QString& dbusInterface, const ServiceMethodTable& table)
+{
+    QString xml = QStringLiteral("  <interface name=\"%1\">\n").arg(dbusInterface);
+    for (const ServiceMethod& method : table)
+        xml += methodXml(method);
+    return xml + QStringLiteral("  </interface>\n");
+}
+
+QString nodeXml(const QString& interfaceElements)
+{
+    return QStringLiteral(
+               "<!DOCTYPE node PUBLIC \"-//freedesktop//DTD D-BUS Object Introspection 1.0//EN\"\n"
+               " \"http://www.freedesktop.org/standards/dbus/1.0/introspect.dtd\">\n"
+               "<node>\n"
+               "  <interface name=\"org.freedesktop.DBus.Introspectable\">\n"
+               "    <method name=\"Introspect\">\n"
+               "      <arg name=\"xml_data\" type=\"s\" direction=\"out\"/>\n"
+               "    </method>\n"
+               "  </interface>\n")
+        + interfaceElements + QStringLiteral("</node>\n");
+}
+
+} // namespace DBusIntrospection

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <QString>
+
+// How services map onto D-Bus names: bus name "com.kelvramotors.<service>", object path
+// "/<interface>", D-Bus interface "com.kelvramotors.<interface>"; and the framework's own
+// error names.
+namespace DBusNames {
+
+QString busName(const QString& serviceName);
+QString objectPath(const QString& interfaceName);
+QString interfaceName(const QString& interfaceName);
+
+inline const char* readOnlyError() { return "com.kelvramotors.Error.ReadOnly"; }
+inline const char* unknownValueError() { return "com.kelvramotors.Error.UnknownValue"; }
+
+} // namespace DBusNames

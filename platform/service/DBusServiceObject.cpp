@@ -1,0 +1,101 @@
+#include "platform/service/DBusServiceObject.h"
+
+#include "platform/service/DBusArguments.h"
+#include "platform/service/DBusIntrospection.h"
+#include "platform/service/DBusNames.h"
+#include "platform/service/ServiceCallContext.h"
+#include "platform/service/ServiceInterface.h"
+
+#include <QTimer>
+
+DBusServiceObject::DBusServiceObject(ServiceInterface* service, const QDBusConnection& connection, QObject* parent)
+    : QDBusVirtualObject(parent)
+    , mService(service)
+    , mConnection(connection)
+    , mDBusInterface(DBusNames::interfaceName(service->interfaceName()))
+{
+}
+
+QString DBusServiceObject::introspect(const QString&) const
+{
+    return DBusIntrospection::interfaceXml(mDBusInterface, mService->methodTable());
+}
+
+bool DBusServiceObject::handleMessage(const QDBusMessage& message, const QDBusConnection&)
+{
+    if (message.type() != QDBusMessage::MethodCallMessage)
+        return false;
+    if (handleIntrospection(message))
+        return true;
+    if (!message.interface().isEmpty() && message.interface() != mDBusInterface) {
+        sendError(message, QStringLiteral("org.freedesktop.DBus.Error.UnknownInterface"),
+                  QStringLiteral("no interface %1 at %2").arg(message.interface(), message.path()));
+        return true;
+    }
+    const ServiceMethod* method = findServiceMethod(mService->methodTable(), message.member());
+    if (!method) {
+        sendError(message, QStringLiteral("org.freedesktop.DBus.Error.UnknownMethod"),
+                  QStringLiteral("%1 has no method %2").arg(mDBusInterface, message.member()));
+        return true;
+    }
+    dispatch(message, *method);
+    return true;
+}
+
+bool DBusServiceObject::handleIntrospection(const QDBusMessage& message)
+{
+    if (message.interface() != QLatin1String("org.freedesktop.DBus.Introspectable")
+        || message.member() != QLatin1String("Introspect"))
+        return false;
+    mConnection.send(message.createReply(DBusIntrospection::nodeXml(introspect(message.path()))));
+    return true;
+}
+
+void DBusServiceObject::dispatch(const QDBusMessage& message, const ServiceMethod& method)
+{
+    QVariantMap arguments;
+    QString error;
+    if (!DBusArguments::toNamedArguments(message, method, &arguments, &error)) {
+        sendError(message, QStringLiteral("org.freedesktop.DBus.Error.InvalidArgs"), error);
+        return;
+    }
+    auto* context = new ServiceCallContext(ServiceCallContext::Server, method.name, this);
+    context->setArguments(arguments);
+    message.setDelayedReply(true);
+    mPending.insert(context, message);
+    connect(context, &ServiceCallContext::answered, this, &DBusServiceObject::sendAnswer);
+    mService->processRequest(context);
+    if (!context->isAnswered())
+        QTimer::singleShot(2 * mService->timeout(method.name), context, [this, context] { forgetUnanswered(context); });
+}
+
+void DBusServiceObject::sendAnswer(ServiceCallContext* context)
+{
+    const QDBusMessage message = mPending.take(context);
+    const ServiceMethod* method = findServiceMethod(mService->methodTable(), context->method());
+    mService->statistics().recordRequest(context->ageMs());
+    if (context->error() != ServiceCallContext::NoError) {
+        const bool notImplemented = context->error() == ServiceCallContext::NotImplemented;
+        sendError(message,
+                  notImplemented ? QStringLiteral("com.kelvramotors.Error.NotImplemented") : QStringLiteral("com.kelvramotors.Error.Failed"),
+                  context->errorMessage());
+    } else if (method && method->resultType == QMetaType::Bool) {
+        mConnection.send(message.createReply(context->results().value(QStringLiteral("_rval_")).toBool()));
+    } else if (method && method->resultType == QMetaType::QString) {
+        mConnection.send(message.createReply(QString::fromUtf8(context->responseBody())));
+    } else {
+        mConnection.send(message.createReply());
+    }
+    context->deleteLater();
+}
+
+void DBusServiceObject::forgetUnanswered(ServiceCallContext* context)
+{
+    mPending.remove(context);
+    context->deleteLater();
+}
+
+void DBusServiceObject::sendError(const QDBusMessage& message, const QString& name, const QString& text)
+{
+    mConnection.send(message.createErrorReply(name, text));
+}

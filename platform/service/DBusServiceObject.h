@@ -1,0 +1,42 @@
+#pragma once
+
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusVirtualObject>
+#include <QHash>
+
+class ServiceCallContext;
+class ServiceInterface;
+struct ServiceMethod;
+
+// Serves one ServiceInterface at its object path: checks each message's interface itself,
+// answers Introspect from the method table, refuses unknown methods and badly typed arguments
+// with D-Bus's own errors, turns the arguments into a server context, hands it to the service
+// and sends the answer when the context is answered, now or later.
+//
+// Thread: main thread (QtDBus delivers messages there). Owns the server contexts it creates:
+// each is deleted after its answer is sent, or once twice the method's time-out has passed
+// without one (the caller has given up by then). Does not own the service.
+class DBusServiceObject : public QDBusVirtualObject
+{
+    Q_OBJECT
+public:
+    DBusServiceObject(ServiceInterface* service, const QDBusConnection& connection, QObject* parent = nullptr);
+
+    QString introspect(const QString& path) const override;
+    bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override;
+
+private slots:
+    void sendAnswer(ServiceCallContext* context);
+
+private:
+    bool handleIntrospection(const QDBusMessage& message);
+    void dispatch(const QDBusMessage& message, const ServiceMethod& method);
+    void forgetUnanswered(ServiceCallContext* context);
+    void sendError(const QDBusMessage& message, const QString& name, const QString& text);
+
+    ServiceInterface* mService;
+    QDBusConnection mConnection;
+    QString mDBusInterface;
+    QHash<ServiceCallContext*, QDBusMessage> mPending;   // contexts waiting for their answer
+};

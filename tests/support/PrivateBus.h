@@ -1,0 +1,23 @@
+#pragma once
+
+#include <QProcess>
+#include <QString>
+
+// A dbus-daemon of a test's own, so tests that own bus names never meet each other (ctest runs
+// suites in parallel) nor the developer's session. The daemon ends with the object.
+//
+// Thread: the test's main thread.
+class PrivateBus
+{
+public:
+    PrivateBus();
+    ~PrivateBus();
+
+    bool isRunning() const { return !mAddress.isEmpty(); }
+    // "unix:path=/tmp/dbus-...,guid=..."; empty when the daemon did not start.
+    QString address() const { return mAddress; }
+
+private:
+    QProcess mDaemon;
+    QString mAddress;
+};
