@@ -85,6 +85,9 @@ bool MediaServerImpl2::deferToPlayer(const DeferredRequest& request, ServiceCall
         return false;
     mPendingContext = context;
     context->setDeferredResponse(true);
+    // A repeated request (stop, stop) must not leave two connections behind: one completion
+    // would then answer twice.
+    disconnect(mPlayer, request.signal, this, request.slot);
     if (!connect(mPlayer, request.signal, this, request.slot, Qt::QueuedConnection))
         Logger::logAssert(request.connectText, QStringLiteral("Connect failed"), __FILE__, __LINE__);
     if (!invoke())

@@ -69,7 +69,7 @@ bool ServiceManager::connectBus(QString* error)
     }
     if (mConnection.isConnected())
         return true;
-    *error = QStringLiteral("cannot reach %1: %2; start a bus there or choose another with --set service/bus=ADDRESS")
+    *error = QStringLiteral("cannot reach %1: %2; start a bus there or choose another one")
                  .arg(busDescription(), mConnection.lastError().message());
     return false;
 }
@@ -129,7 +129,12 @@ bool ServiceManager::ownNames(QString* error)
     for (const QString& name : names) {
         const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> reply = mConnection.interface()->registerService(
             name, QDBusConnectionInterface::DontQueueService, QDBusConnectionInterface::DontAllowReplacement);
-        if (!reply.isValid() || reply.value() != QDBusConnectionInterface::ServiceRegistered) {
+        if (!reply.isValid()) {
+            *error = QStringLiteral("not allowed to own the bus name %1 on %2 (%3); check the bus policy")
+                         .arg(name, busDescription(), reply.error().message());
+            return false;
+        }
+        if (reply.value() != QDBusConnectionInterface::ServiceRegistered) {
             *error = QStringLiteral("the bus name %1 is already owned on %2; stop the process that owns it first")
                          .arg(name, busDescription());
             return false;

@@ -135,6 +135,7 @@ private slots:
     void startsLogsAndExitsCleanlyOnSignal_data();
     void startsLogsAndExitsCleanlyOnSignal();
     void cannotStartWithoutBusOrName();
+    void busPolicyKeepsOtherUsersFromTheName();
     void journalGetsPriorityPrefixes();
     void fatalSignalLeavesABacktrace();
 };
@@ -351,6 +352,26 @@ void TestStartup::cannotStartWithoutBusOrName()
              qPrintable(noBus.err));
     first.process.terminate();
     QVERIFY(first.finish());
+}
+
+// The shipped system-bus policy lets only the service's own user own the name; the test runs as
+// another user.
+void TestStartup::busPolicyKeepsOtherUsersFromTheName()
+{
+    ServerRun run;
+    const QString policy = qEnvironmentVariable("CABIN_SOURCE_DIR") + QStringLiteral("/data/dbus/com.kelvramotors.MediaServer2.conf");
+    const QString config = run.writeFile(QStringLiteral("bus.conf"), QStringLiteral(
+        "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN\"\n"
+        " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+        "<busconfig><type>system</type><listen>unix:tmpdir=/tmp</listen><auth>EXTERNAL</auth>\n"
+        "<policy context=\"default\"><allow user=\"*\"/><allow own=\"*\"/><allow send_destination=\"*\"/>"
+        "<allow receive_sender=\"*\"/></policy>\n<include>%1</include></busconfig>\n").arg(policy).toUtf8());
+    PrivateBus bus(config);
+    QVERIFY(bus.isRunning());
+    QVERIFY(run.runToEnd({"--set", "service/bus=" + bus.address()}));
+    QCOMPARE(run.process.exitCode(), 1);
+    QVERIFY2(run.logTexts().last().startsWith("ERROR start(): not allowed to own the bus name com.kelvramotors.MediaServer2 on the bus at "),
+             qPrintable(run.err));
 }
 
 void TestStartup::journalGetsPriorityPrefixes()

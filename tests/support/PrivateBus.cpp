@@ -1,10 +1,13 @@
 #include "tests/support/PrivateBus.h"
 
-PrivateBus::PrivateBus()
+PrivateBus::PrivateBus(const QString& configFile)
 {
-    mDaemon.start(QStringLiteral("dbus-daemon"),
-                  {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--nopidfile"),
-                   QStringLiteral("--print-address"), QStringLiteral("--address=unix:tmpdir=/tmp")});
+    QStringList args{QStringLiteral("--nofork"), QStringLiteral("--nopidfile"), QStringLiteral("--print-address")};
+    if (configFile.isEmpty())
+        args << QStringLiteral("--session") << QStringLiteral("--address=unix:tmpdir=/tmp");
+    else
+        args << QStringLiteral("--config-file=") + configFile;
+    mDaemon.start(QStringLiteral("dbus-daemon"), args);
     if (!mDaemon.waitForStarted(10000))
         return;
     while (!mDaemon.canReadLine() && mDaemon.waitForReadyRead(10000)) {

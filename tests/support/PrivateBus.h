@@ -10,7 +10,9 @@
 class PrivateBus
 {
 public:
-    PrivateBus();
+    // With a config file the daemon runs that configuration (it must listen on a unix tmpdir);
+    // without one it is a plain session bus.
+    explicit PrivateBus(const QString& configFile = QString());
     ~PrivateBus();
 
     bool isRunning() const { return !mAddress.isEmpty(); }
