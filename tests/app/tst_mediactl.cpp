@@ -3,6 +3,9 @@
 
 #include "tests/support/PrivateBus.h"
 
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusVirtualObject>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -13,6 +16,20 @@ QString binary(const char* name)
 {
     return qEnvironmentVariable("CABIN_BIN_DIR") + QLatin1Char('/') + QLatin1String(name);
 }
+
+// A service that takes every call and never answers, to see the client give up.
+class SilentService : public QDBusVirtualObject
+{
+public:
+    QString introspect(const QString&) const override { return QString(); }
+    bool handleMessage(const QDBusMessage& message, const QDBusConnection&) override
+    {
+        message.setDelayedReply(true);
+        ++calls;
+        return true;
+    }
+    int calls = 0;
+};
 
 struct Run
 {
@@ -32,6 +49,7 @@ private slots:
     void answersAndStatuses_data();
     void answersAndStatuses();
     void waitSeesALaterChange();
+    void unansweredRequestTimesOut();
 
 private:
     Run ctl(const QStringList& args);
@@ -135,6 +153,28 @@ void TestMediaCtl::waitSeesALaterChange()
     QVERIFY(waiter.waitForFinished(20000));
     QCOMPARE(waiter.exitCode(), 0);
     QCOMPARE(QString::fromUtf8(waiter.readAllStandardOutput()), QStringLiteral("false\n"));
+}
+
+// The request's own time-out (3000 ms for pause) is the call's time-out; then exit status 3.
+void TestMediaCtl::unansweredRequestTimesOut()
+{
+    PrivateBus bus;
+    QDBusConnection connection = QDBusConnection::connectToBus(bus.address(), QStringLiteral("silent"));
+    SilentService silent;
+    QVERIFY(connection.registerVirtualObject(QStringLiteral("/MediaServer2"), &silent));
+    QVERIFY(connection.registerService(QStringLiteral("com.kelvramotors.MediaServer2")));
+    QProcess client;
+    client.start(binary("cabin-mediactl"), {"--bus", bus.address(), "pause"});
+    QElapsedTimer elapsed;
+    elapsed.start();
+    while (client.state() != QProcess::NotRunning && elapsed.elapsed() < 20000)
+        QTest::qWait(20);   // the silent service needs this thread's event loop to take the call
+    QCOMPARE(client.exitCode(), 3);
+    QCOMPARE(QString::fromUtf8(client.readAllStandardError()), QStringLiteral("cabin-mediactl: pause: no answer within 3000 ms\n"));
+    QVERIFY2(elapsed.elapsed() >= 2900, "the client gave up before the request's time-out");
+    QCOMPARE(silent.calls, 1);
+    connection.unregisterObject(QStringLiteral("/MediaServer2"));
+    QDBusConnection::disconnectFromBus(QStringLiteral("silent"));
 }
 
 QTEST_GUILESS_MAIN(TestMediaCtl)
