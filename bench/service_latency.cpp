@@ -1,6 +1,6 @@
 // Round-trip latency of the media service over D-Bus: N "ServiceStatus" calls to the server
 // beside N calls of the bus daemon's own GetId (the floor: a bare round trip through the same
-// bus), one client, one call at a time.
+// bus), one client, one call at a time, the two kinds alternating.
 //
 // Usage: bench-service-latency BUS_ADDRESS [CALLS]
 
@@ -22,23 +22,41 @@ struct Figures
     int failures = 0;
 };
 
-Figures measure(QDBusConnection& bus, const QDBusMessage& call, int count)
+qint64 timeCall(QDBusConnection& bus, const QDBusMessage& call, int* failures)
 {
-    std::vector<qint64> nanos;
-    nanos.reserve(size_t(count));
-    Figures figures;
     QElapsedTimer timer;
-    for (int i = 0; i < count; ++i) {
-        timer.start();
-        const QDBusMessage reply = bus.call(call, QDBus::Block, 5000);
-        nanos.push_back(timer.nsecsElapsed());
-        if (reply.type() != QDBusMessage::ReplyMessage)
-            ++figures.failures;
-    }
+    timer.start();
+    const QDBusMessage reply = bus.call(call, QDBus::Block, 5000);
+    const qint64 nanos = timer.nsecsElapsed();
+    if (reply.type() != QDBusMessage::ReplyMessage)
+        ++*failures;
+    return nanos;
+}
+
+Figures figuresOf(std::vector<qint64> nanos, int failures)
+{
     std::sort(nanos.begin(), nanos.end());
+    Figures figures;
     figures.medianUs = nanos[nanos.size() / 2] / 1000.0;
     figures.p99Us = nanos[std::min(nanos.size() - 1, nanos.size() * 99 / 100)] / 1000.0;
+    figures.failures = failures;
     return figures;
+}
+
+// The two kinds of call alternate, so both meet the same machine load and CPU clock.
+void measure(QDBusConnection& bus, const QDBusMessage& call, const QDBusMessage& floorCall, int count,
+             Figures* callFigures, Figures* floorFigures)
+{
+    std::vector<qint64> callNanos, floorNanos;
+    callNanos.reserve(size_t(count));
+    floorNanos.reserve(size_t(count));
+    int callFailures = 0, floorFailures = 0;
+    for (int i = 0; i < count; ++i) {
+        callNanos.push_back(timeCall(bus, call, &callFailures));
+        floorNanos.push_back(timeCall(bus, floorCall, &floorFailures));
+    }
+    *callFigures = figuresOf(callNanos, callFailures);
+    *floorFigures = figuresOf(floorNanos, floorFailures);
 }
 
 void print(const char* what, const Figures& figures)
@@ -67,11 +85,9 @@ int main(int argc, char** argv)
     const QDBusMessage getId = QDBusMessage::createMethodCall(
         QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
         QStringLiteral("org.freedesktop.DBus"), QStringLiteral("GetId"));
-    // One short warm-up of each, so connection set-up is not measured.
-    measure(bus, status, 100);
-    measure(bus, getId, 100);
-    const Figures service = measure(bus, status, calls);
-    const Figures floor = measure(bus, getId, calls);
+    Figures service, floor;
+    measure(bus, status, getId, 100, &service, &floor);   // warm-up: connection set-up is not measured
+    measure(bus, status, getId, calls, &service, &floor);
     std::printf("calls: %d each\n", calls);
     print("ServiceStatus", service);
     print("GetId (floor)", floor);

@@ -64,8 +64,12 @@ void DBusServiceObject::dispatch(const QDBusMessage& message, const ServiceMetho
     message.setDelayedReply(true);
     mPending.insert(context, message);
     connect(context, &ServiceCallContext::answered, this, &DBusServiceObject::sendAnswer);
+    mInDispatch = true;
     mService->processRequest(context);
-    if (!context->isAnswered())
+    mInDispatch = false;
+    if (context->isAnswered())
+        delete context;   // answered on the spot: nothing can refer to it any more
+    else
         QTimer::singleShot(2 * mService->timeout(method.name), context, [this, context] { forgetUnanswered(context); });
 }
 
@@ -86,7 +90,8 @@ void DBusServiceObject::sendAnswer(ServiceCallContext* context)
     } else {
         mConnection.send(message.createReply());
     }
-    context->deleteLater();
+    if (!mInDispatch)
+        context->deleteLater();
 }
 
 void DBusServiceObject::forgetUnanswered(ServiceCallContext* context)

@@ -39,4 +39,5 @@ private:
     QDBusConnection mConnection;
     QString mDBusInterface;
     QHash<ServiceCallContext*, QDBusMessage> mPending;   // contexts waiting for their answer
+    bool mInDispatch = false;   // a request is being handed to the service right now
 };

@@ -38,13 +38,13 @@ int ServiceInterface::connectCompletedSignals(QObject* receiver, const char* con
 
 void ServiceInterface::answerServiceStatus(ServiceCallContext* context)
 {
-    const QString status = QStringLiteral("{\"uptime\":%1, \"requests\":%2, \"avgtime\":%3, \"maxtime\":%4, \"info\":\"%5\"}")
-                               .arg(mStatistics.uptimeSeconds())
-                               .arg(mStatistics.requests())
-                               .arg(mStatistics.averageMs())
-                               .arg(mStatistics.maximumMs())
-                               .arg(serviceStatusInfo());
-    context->setResponseBody(status.toUtf8(), QStringLiteral("application/json"));
+    // Formatted in one pass: a status poll is the cheapest request there is and should stay so.
+    QByteArray status = QByteArray("{\"uptime\":") + QByteArray::number(mStatistics.uptimeSeconds())
+        + ", \"requests\":" + QByteArray::number(mStatistics.requests())
+        + ", \"avgtime\":" + QByteArray::number(mStatistics.averageMs())
+        + ", \"maxtime\":" + QByteArray::number(mStatistics.maximumMs())
+        + ", \"info\":\"" + serviceStatusInfo().toUtf8() + "\"}";
+    context->setResponseBody(status, QStringLiteral("application/json"));
     context->resultReady();
 }
 
