@@ -171,7 +171,8 @@ void TestMediaCtl::unansweredRequestTimesOut()
         QTest::qWait(20);   // the silent service needs this thread's event loop to take the call
     QCOMPARE(client.exitCode(), 3);
     QCOMPARE(QString::fromUtf8(client.readAllStandardError()), QStringLiteral("cabin-mediactl: pause: no answer within 3000 ms\n"));
-    QVERIFY2(elapsed.elapsed() >= 2900, "the client gave up before the request's time-out");
+    // QtDBus times calls with coarse timers, which may fire up to 5 % early.
+    QVERIFY2(elapsed.elapsed() >= 2800, qPrintable(QStringLiteral("the client gave up after %1 ms").arg(elapsed.elapsed())));
     QCOMPARE(silent.calls, 1);
     connection.unregisterObject(QStringLiteral("/MediaServer2"));
     QDBusConnection::disconnectFromBus(QStringLiteral("silent"));
