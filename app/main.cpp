@@ -6,6 +6,7 @@
 #include "app/ConfigTable.h"
 #include "media_server/MediaServerDataValues.h"
 #include "platform/core/Finalizer.h"
+#include "platform/core/ProcessExit.h"
 #include "platform/core/RuntimeEnv.h"
 #include "platform/core/SignalHandlers.h"
 #include "platform/core/TagTracer.h"
@@ -71,13 +72,13 @@ void shutDown()
     Logger::flush();
 }
 
+// Runs the server; returns the exit status once the application object is gone.
 int run(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     startUp(app, argc, argv);
     if (!startServing()) {
         Finalizer::instance()->finalize();
-        Logger::flush();
         return 1;
     }
     LOG_INFO << "running";
@@ -109,5 +110,5 @@ int main(int argc, char** argv)
     case CommandLine::Run:
         break;
     }
-    return run(argc, argv);
+    exitAfterShutdown(run(argc, argv));
 }
