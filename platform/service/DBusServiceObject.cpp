@@ -1,7 +1,7 @@
 #include "platform/service/DBusServiceObject.h"
 
 #include "platform/service/DBusArguments.h"
-#include "platform/service/DBusIntrospection.h"
+#include "platform/service/DBusInterfaceXml.h"
 #include "platform/service/DBusNames.h"
 #include "platform/service/ServiceCallContext.h"
 #include "platform/service/ServiceInterface.h"
@@ -18,7 +18,7 @@ DBusServiceObject::DBusServiceObject(ServiceInterface* service, const QDBusConne
 
 QString DBusServiceObject::introspect(const QString&) const
 {
-    return DBusIntrospection::interfaceXml(mDBusInterface, mService->methodTable());
+    return DBusInterfaceXml::interfaceXml(mDBusInterface, mService->methodTable());
 }
 
 bool DBusServiceObject::handleMessage(const QDBusMessage& message, const QDBusConnection&)
@@ -47,7 +47,7 @@ bool DBusServiceObject::handleIntrospection(const QDBusMessage& message)
     if (message.interface() != QLatin1String("org.freedesktop.DBus.Introspectable")
         || message.member() != QLatin1String("Introspect"))
         return false;
-    mConnection.send(message.createReply(DBusIntrospection::nodeXml(introspect(message.path()))));
+    mConnection.send(message.createReply(DBusInterfaceXml::nodeXml(introspect(message.path()))));
     return true;
 }
 

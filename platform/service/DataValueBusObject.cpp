@@ -2,7 +2,7 @@
 
 #include "platform/datavalue/DataValue.h"
 #include "platform/datavalue/DataValueManager.h"
-#include "platform/service/DBusIntrospection.h"
+#include "platform/service/DBusInterfaceXml.h"
 #include "platform/service/DBusNames.h"
 #include "platform/service/DBusValueForm.h"
 
@@ -60,7 +60,7 @@ bool DataValueBusObject::handleMessage(const QDBusMessage& message, const QDBusC
     const QString interface = message.interface();
     const QString member = message.member();
     if (interface == QLatin1String("org.freedesktop.DBus.Introspectable") && member == QLatin1String("Introspect"))
-        mConnection.send(message.createReply(DBusIntrospection::nodeXml(introspect(message.path()))));
+        mConnection.send(message.createReply(DBusInterfaceXml::nodeXml(introspect(message.path()))));
     else if (!interface.isEmpty() && interface != QLatin1String(kInterface))
         mConnection.send(message.createErrorReply(QStringLiteral("org.freedesktop.DBus.Error.UnknownInterface"),
                                                   QStringLiteral("no interface %1 at /DataValues").arg(interface)));

@@ -1,6 +1,6 @@
-#include "platform/service/DBusIntrospection.h"
+#include "platform/service/DBusInterfaceXml.h"
 
-namespace DBusIntrospection {
+namespace DBusInterfaceXml {
 
 namespace {
 
@@ -45,4 +45,4 @@ QString nodeXml(const QString& interfaceElements)
         + interfaceElements + QStringLiteral("</node>\n");
 }
 
-} // namespace DBusIntrospection
+} // namespace DBusInterfaceXml
