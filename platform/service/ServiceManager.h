@@ -39,7 +39,7 @@ public:
     // The client end; connects the bus on first use.
     DBusServiceClient* client();
 
-    // Traffic statistics of the process, reported with the service statistics.
+    // The process's traffic statistics, held here so that services can reach them.
     void setConnectionUsage(NetStats::ConnectionUsageDataValue* usage) { mConnectionUsage = usage; }
     NetStats::ConnectionUsageDataValue* connectionUsage() const { return mConnectionUsage; }
 
