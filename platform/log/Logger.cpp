@@ -182,6 +182,10 @@ QString Logger::formatLine(const LogRecord& record)
     const QString start = underJournal()
         ? QString::fromLatin1(journalPrefix(record.level))
         : QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs) + QLatin1Char(' ');
+    // Some messages end in their own newline; a line still ends in exactly one.
+    QString text = record.text();
+    while (text.endsWith(QLatin1Char('\n')))
+        text.chop(1);
     return start + QString::fromLatin1(LogRecord::levelName(record.level)) + QStringLiteral(" [")
-        + record.threadName + QStringLiteral("] ") + record.text() + QLatin1Char('\n');
+        + record.threadName + QStringLiteral("] ") + text + QLatin1Char('\n');
 }
