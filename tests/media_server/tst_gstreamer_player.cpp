@@ -90,6 +90,7 @@ private slots:
     void sourceElementOfAnAppSrcItem();
     void tagsFillOneFieldPerList();
     void errorStatesAreNotPlaybackErrors();
+    void invalidAudioSinkFallsBackToTheDefault();
     void unknownEnumValuesAreReported();
     void logBridgeFiltersByLevel();
 
@@ -310,6 +311,23 @@ void TestGStreamerPlayer::errorStatesAreNotPlaybackErrors()
     }
     QVERIFY(player->stop(true, GStreamerPlayer::Error));
     QVERIFY(player->hasError());
+}
+
+void TestGStreamerPlayer::invalidAudioSinkFallsBackToTheDefault()
+{
+    setConfig("gstreamer/audio_sink", QStringLiteral("no_such_element_here"));
+    LogCapture log;
+    GStreamerPlayer player;
+    QList<LogRecord> errors;
+    for (const LogRecord& record : log.records())
+        if (record.level == LogRecord::Error)
+            errors.append(record);
+    QCOMPARE(errors.size(), 1);
+    QVERIFY2(errors.first().message.startsWith(QLatin1String("invalid gstreamer/audio_sink \"no_such_element_here\": ")),
+             qPrintable(errors.first().message));
+    GstElement* sink = nullptr;
+    g_object_get(player.pipeline(), "audio-sink", &sink, nullptr);
+    QVERIFY(!sink);
 }
 
 void TestGStreamerPlayer::unknownEnumValuesAreReported()
