@@ -45,14 +45,6 @@ QList<int> secondsIn(const QString& wav)
     return reader.steppedSeconds();
 }
 
-QString describe(const QList<int>& seconds)
-{
-    QStringList texts;
-    for (int second : seconds)
-        texts.append(QString::number(second));
-    return texts.join(QLatin1Char(','));
-}
-
 QList<int> range(int first, int last)
 {
     QList<int> seconds;
@@ -89,7 +81,6 @@ private slots:
     void overrideUrlReplacesEveryItem();
     void sourceElementOfAnAppSrcItem();
     void tagsFillOneFieldPerList();
-    void errorStatesAreNotPlaybackErrors();
     void invalidAudioSinkFallsBackToTheDefault();
     void unknownEnumValuesAreReported();
     void logBridgeFiltersByLevel();
@@ -190,7 +181,7 @@ void TestGStreamerPlayer::seekWhilePlaying()
     // flush; what follows it is certain: seconds 3 and 4, nothing of the skipped second 2.
     const QList<int> seconds = secondsIn(wav);
     QVERIFY2(seconds.size() >= 2 && seconds.mid(seconds.size() - 2) == (QList<int>{3, 4}) && !seconds.contains(2),
-             qPrintable(describe(seconds)));
+             qPrintable(QString::number(seconds.size())));
 }
 
 void TestGStreamerPlayer::pauseAndResume()
@@ -233,6 +224,9 @@ void TestGStreamerPlayer::unplayableItemIsAnError()
     player->play(0, false);
     QTRY_COMPARE_WITH_TIMEOUT(player->getState(), GStreamerPlayer::Error, 10000);
     QVERIFY(player->hasError());
+    // A timed-out or forbidden fetch is not a playback error.
+    QVERIFY(player->stop(true, GStreamerPlayer::ErrorTimeout) && !player->hasError());
+    QVERIFY(player->stop(true, GStreamerPlayer::ErrorForbidden) && !player->hasError());
     QVERIFY(log.hasLineContaining(QStringLiteral("[GST ERROR] element: ")));
 }
 
@@ -299,18 +293,6 @@ void TestGStreamerPlayer::tagsFillOneFieldPerList()
     QVERIFY(apply(gst_tag_list_new(GST_TAG_TITLE, "Morning", GST_TAG_ARTIST, "Band", nullptr)));
     QCOMPARE(metadata.artist, QStringLiteral("Band"));
     QVERIFY(metadata.toJSON().startsWith(QLatin1String("{\"title\":\"Morning\",\"artist\":\"Band\",")));
-}
-
-void TestGStreamerPlayer::errorStatesAreNotPlaybackErrors()
-{
-    auto player = makePlayer(mDir.filePath(QStringLiteral("states.wav")), false);
-    for (GStreamerPlayer::State state : {GStreamerPlayer::ErrorTimeout, GStreamerPlayer::ErrorForbidden}) {
-        QVERIFY(player->stop(true, state));
-        QCOMPARE(player->getState(), state);
-        QVERIFY(!player->hasError());
-    }
-    QVERIFY(player->stop(true, GStreamerPlayer::Error));
-    QVERIFY(player->hasError());
 }
 
 void TestGStreamerPlayer::invalidAudioSinkFallsBackToTheDefault()

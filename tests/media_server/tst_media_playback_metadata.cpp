@@ -9,26 +9,14 @@ using MediaV2::MediaPlaybackMetadata;
 
 namespace {
 
-// Every member in declaration order, so one comparison covers the whole record and a
-// failure message names the field that differs.
-QString describe(const MediaPlaybackMetadata& m)
+// Every member in declaration order, so one comparison covers the whole record.
+QVariantList fields(const MediaPlaybackMetadata& m)
 {
-    const QList<QPair<QString, QVariant>> fields{
-        {"bitrate", m.bitrate}, {"bufferBytes", m.bufferBytes}, {"bufferMs", m.bufferMs},
-        {"startPosition", m.startPosition}, {"duration", m.duration}, {"cacheKey", m.cacheKey},
-        {"url", m.url}, {"id", m.id}, {"statsCategory", m.statsCategory}, {"source", m.source},
-        {"pauseWhenBuffered", m.pauseWhenBuffered}, {"liveStream", m.liveStream}, {"valid", m.valid},
-        {"shouldCache", m.shouldCache}, {"isExplicit", m.isExplicit}};
-    QStringList parts;
-    for (const auto& field : fields) {
-        const bool isText = field.second.typeId() == QMetaType::QString;
-        parts << field.first + '=' + (isText ? '"' + field.second.toString() + '"' : field.second.toString());
-    }
-    return parts.join(QStringLiteral(", "));
+    return {m.bitrate, m.bufferBytes, m.bufferMs, m.startPosition, m.duration, m.cacheKey, m.url, m.id, m.statsCategory,
+            m.source, m.pauseWhenBuffered, m.liveStream, m.valid, m.shouldCache, m.isExplicit};
 }
 
-// What a parsed text with no usable member gives: everything 0/""/false, but marked valid.
-// Built field by field so it does not depend on the parser it is compared with.
+// What text with no usable member parses to: all 0/""/false, but valid; built without the parser.
 MediaPlaybackMetadata zeroRecord()
 {
     MediaPlaybackMetadata m;
@@ -50,15 +38,12 @@ MediaPlaybackMetadata fullRecord()
 
 } // namespace
 
-// Stands in for a playback object on another thread: takes a record by a queued call and hands
-// it straight back.
+// Stands in for a playback object on another thread: takes a record and hands it straight back.
 class MetadataEcho : public QObject
 {
     Q_OBJECT
-
 public slots:
     void take(const MediaV2::MediaPlaybackMetadata& metadata) { emit taken(metadata); }
-
 signals:
     void taken(const MediaV2::MediaPlaybackMetadata& metadata);
 };
@@ -68,127 +53,94 @@ class TestMediaPlaybackMetadata : public QObject
     Q_OBJECT
 
 private slots:
-    void defaultValues();
-    void parse_data();
-    void parse();
-    void positionsAreParsedAs32Bit_data();
-    void positionsAreParsedAs32Bit();
-    void toJson();
-    void travelsThroughQueuedCall();
+    void parse_data()
+    {
+        QTest::addColumn<QString>("json");
+        QTest::addColumn<MediaPlaybackMetadata>("expected");
+        QTest::newRow("empty object gives zeros, not the unknown -1, and is valid") << "{}" << zeroRecord();
+        MediaPlaybackMetadata onlyId = zeroRecord();
+        onlyId.id = "x";
+        QTest::newRow("unknown and differently cased keys are ignored")
+            << R"({"id":"x","ID":"y","Bitrate":5,"startPosition":9,"extra":{"a":1}})" << onlyId;
+        QTest::newRow("object as url and non-numeric text as bitrate give empty and 0")
+            << R"({"url":{"a":1},"bitrate":"abc"})" << zeroRecord();
+        MediaPlaybackMetadata flagsA = zeroRecord(), flagsB = zeroRecord();
+        flagsA.liveStream = flagsA.shouldCache = true;
+        flagsB.pauseWhenBuffered = flagsB.isExplicit = true;
+        QTest::newRow("flags: text \"false\" and \"0\" are off, number 1 and other text are on")
+            << R"({"pauseWhenBuffered":"false","live-stream":1,"should_cache":"no","is_explicit":"0"})" << flagsA;
+        QTest::newRow("flags: number 2.0 and other text are on, text \"FALSE\" and number 0 are off")
+            << R"({"pauseWhenBuffered":2.0,"live-stream":"FALSE","should_cache":0,"is_explicit":"yes"})" << flagsB;
+        QTest::newRow("malformed text gives a valid record with all else zero") << R"({"url":"a")" << zeroRecord();
+        QTest::newRow("array instead of object gives a valid zero record") << "[1,2]" << zeroRecord();
+    }
+
+    void parse()
+    {
+        QFETCH(QString, json);
+        QFETCH(MediaPlaybackMetadata, expected);
+        QCOMPARE(fields(MediaPlaybackMetadata(json)), fields(expected));
+    }
+
+    void positionsAreParsedAs32Bit_data()
+    {
+        QTest::addColumn<QString>("key");
+        QTest::addColumn<qint64>("written");
+        QTest::addColumn<bool>("survives");
+        QTest::newRow("startposition at int32 max survives") << "startposition" << qint64(2147483647) << true;
+        QTest::newRow("startposition of 2^31 does not survive") << "startposition" << qint64(2147483648LL) << false;
+        QTest::newRow("duration at int32 min survives") << "duration" << qint64(-2147483647 - 1) << true;
+        QTest::newRow("duration below int32 min does not survive") << "duration" << qint64(-2147483649LL) << false;
+    }
+
+    void positionsAreParsedAs32Bit()
+    {
+        QFETCH(QString, key);
+        QFETCH(qint64, written);
+        QFETCH(bool, survives);
+        const MediaPlaybackMetadata m(QStringLiteral("{\"%1\":%2}").arg(key).arg(written));
+        const qint64 parsed = key == QLatin1String("duration") ? m.duration : m.startPosition;
+        QCOMPARE(parsed == written, survives);
+        QVERIFY(parsed >= std::numeric_limits<qint32>::min() && parsed <= std::numeric_limits<qint32>::max());
+    }
+
+    // A record nobody filled in writes -1 for the unknowns and leaves out valid, which is false.
+    // 64-bit positions, which the server writes back from the playback engine, come out digit for
+    // digit. Every key written is read back into its field, non-ASCII text included.
+    void toJson()
+    {
+        QVERIFY(!MediaPlaybackMetadata().valid);
+        QCOMPARE(MediaPlaybackMetadata().toJSON(),
+                 QStringLiteral(R"({"bitrate":-1,"buffer-bytes":0,"buffer-ms":0,"cachekey":"","duration":-1,"id":"",)"
+                                R"("is_explicit":false,"live-stream":false,"pauseWhenBuffered":false,"should_cache":false,)"
+                                R"("source":"","startposition":-1,"statscategory":0,"url":""})"));
+        MediaPlaybackMetadata wide;
+        wide.startPosition = 5000000000LL;
+        QVERIFY2(wide.toJSON().contains(QLatin1String(R"("startposition":5000000000,)")), qPrintable(wide.toJSON()));
+        QCOMPARE(fields(MediaPlaybackMetadata(fullRecord().toJSON())), fields(fullRecord()));
+    }
+
+    // The echo lives on its own thread, so the record is copied into a queued call there and into
+    // a queued signal back to this thread, as between the playback objects.
+    void travelsThroughQueuedCall()
+    {
+        qRegisterMetaType<MediaPlaybackMetadata>();
+        MediaPlaybackMetadata record = fullRecord();
+        record.startPosition = 5000000000LL;
+        MetadataEcho remote;   // declared first so that the thread has stopped when it is destroyed
+        QThread worker;
+        remote.moveToThread(&worker);
+        worker.start();
+        const auto stop = qScopeGuard([&worker] { worker.quit(); worker.wait(); });
+        MetadataEcho local;
+        connect(&remote, &MetadataEcho::taken, &local, &MetadataEcho::take, Qt::QueuedConnection);
+        QSignalSpy returned(&local, &MetadataEcho::taken);
+        QVERIFY(QMetaObject::invokeMethod(&remote, "take", Qt::QueuedConnection, Q_ARG(MediaV2::MediaPlaybackMetadata, record)));
+        QVERIFY(returned.wait());
+        QCOMPARE(returned.size(), 1);
+        QCOMPARE(fields(returned.first().first().value<MediaPlaybackMetadata>()), fields(record));
+    }
 };
-
-void TestMediaPlaybackMetadata::defaultValues()
-{
-    QCOMPARE(describe(MediaPlaybackMetadata()),
-             QStringLiteral(R"(bitrate=-1, bufferBytes=0, bufferMs=0, startPosition=-1, duration=-1, cacheKey="", )"
-                            R"(url="", id="", statsCategory=0, source="", pauseWhenBuffered=false, )"
-                            R"(liveStream=false, valid=false, shouldCache=false, isExplicit=false)"));
-}
-
-void TestMediaPlaybackMetadata::parse_data()
-{
-    QTest::addColumn<QString>("json");
-    QTest::addColumn<MediaPlaybackMetadata>("expected");
-
-    QTest::newRow("empty object gives zeros, not the unknown -1, and is valid") << "{}" << zeroRecord();
-    QTest::newRow("every key is read into its field")
-        << QString::fromUtf8(R"({"bitrate":320000,"buffer-bytes":65536,"buffer-ms":4000,"startposition":12345,)"
-                             R"("duration":215000,"cachekey":"cache-7","id":"track:7",)"
-                             "\"url\":\"https://media.example/caf\xC3\xA9/7.ogg?x=1&y=2\",\"statscategory\":3,"
-                             R"("source":"playlist","pauseWhenBuffered":true,"live-stream":true,)"
-                             R"("should_cache":true,"is_explicit":true})")
-        << fullRecord();
-
-    MediaPlaybackMetadata onlyId = zeroRecord();
-    onlyId.id = "x";
-    QTest::newRow("unknown and differently cased keys are ignored")
-        << R"({"id":"x","ID":"y","Bitrate":5,"startPosition":9,"extra":{"a":1}})" << onlyId;
-    QTest::newRow("object as url and non-numeric text as bitrate give empty and 0")
-        << R"({"url":{"a":1},"bitrate":"abc"})" << zeroRecord();
-    MediaPlaybackMetadata flagsA = zeroRecord(), flagsB = zeroRecord();
-    flagsA.liveStream = flagsA.shouldCache = true;
-    flagsB.pauseWhenBuffered = flagsB.isExplicit = true;
-    QTest::newRow("flags: text \"false\" and \"0\" are off, number 1 and other text are on")
-        << R"({"pauseWhenBuffered":"false","live-stream":1,"should_cache":"no","is_explicit":"0"})" << flagsA;
-    QTest::newRow("flags: number 2.0 and other text are on, text \"FALSE\" and number 0 are off")
-        << R"({"pauseWhenBuffered":2.0,"live-stream":"FALSE","should_cache":0,"is_explicit":"yes"})"
-        << flagsB;
-
-    QTest::newRow("malformed text gives a valid record with all else zero") << R"({"url":"a")" << zeroRecord();
-    QTest::newRow("array instead of object gives a valid zero record") << "[1,2]" << zeroRecord();
-    QTest::newRow("lone number gives a valid zero record") << "5" << zeroRecord();
-}
-
-void TestMediaPlaybackMetadata::parse()
-{
-    QFETCH(QString, json);
-    QFETCH(MediaPlaybackMetadata, expected);
-
-    QCOMPARE(describe(MediaPlaybackMetadata(json)), describe(expected));
-}
-
-void TestMediaPlaybackMetadata::positionsAreParsedAs32Bit_data()
-{
-    QTest::addColumn<QString>("key");
-    QTest::addColumn<qint64>("written");
-    QTest::addColumn<bool>("survives");
-
-    QTest::newRow("startposition at int32 max survives") << "startposition" << qint64(2147483647) << true;
-    QTest::newRow("startposition of 2^31 does not survive") << "startposition" << qint64(2147483648LL) << false;
-    QTest::newRow("duration at int32 min survives") << "duration" << qint64(-2147483647 - 1) << true;
-    QTest::newRow("duration below int32 min does not survive") << "duration" << qint64(-2147483649LL) << false;
-}
-
-void TestMediaPlaybackMetadata::positionsAreParsedAs32Bit()
-{
-    QFETCH(QString, key);
-    QFETCH(qint64, written);
-    QFETCH(bool, survives);
-
-    const MediaPlaybackMetadata m(QStringLiteral("{\"%1\":%2}").arg(key).arg(written));
-    const qint64 parsed = key == QLatin1String("duration") ? m.duration : m.startPosition;
-    QCOMPARE(parsed == written, survives);
-    QVERIFY(parsed >= std::numeric_limits<qint32>::min() && parsed <= std::numeric_limits<qint32>::max());
-}
-
-// The literal also proves that valid is left out. 64-bit positions, which the server writes back
-// from the playback engine, must come out digit for digit.
-void TestMediaPlaybackMetadata::toJson()
-{
-    QCOMPARE(MediaPlaybackMetadata().toJSON(),
-             QStringLiteral(R"({"bitrate":-1,"buffer-bytes":0,"buffer-ms":0,"cachekey":"","duration":-1,"id":"",)"
-                            R"("is_explicit":false,"live-stream":false,"pauseWhenBuffered":false,"should_cache":false,)"
-                            R"("source":"","startposition":-1,"statscategory":0,"url":""})"));
-    MediaPlaybackMetadata wide;
-    wide.startPosition = 5000000000LL;
-    QVERIFY2(wide.toJSON().contains(QLatin1String(R"("startposition":5000000000,)")), qPrintable(wide.toJSON()));
-    QCOMPARE(describe(MediaPlaybackMetadata(fullRecord().toJSON())), describe(fullRecord()));
-}
-
-// The echo lives on its own thread, so the record is copied into a queued call there and into
-// a queued signal back to this thread, as between the playback objects.
-void TestMediaPlaybackMetadata::travelsThroughQueuedCall()
-{
-    qRegisterMetaType<MediaPlaybackMetadata>();
-    MediaPlaybackMetadata record = fullRecord();
-    record.startPosition = 5000000000LL;
-
-    MetadataEcho remote;   // declared first so that the thread has stopped when it is destroyed
-    QThread worker;
-    remote.moveToThread(&worker);
-    worker.start();
-    const auto stop = qScopeGuard([&worker] { worker.quit(); worker.wait(); });
-    MetadataEcho local;
-    connect(&remote, &MetadataEcho::taken, &local, &MetadataEcho::take, Qt::QueuedConnection);
-    QSignalSpy returned(&local, &MetadataEcho::taken);
-
-    QVERIFY(QMetaObject::invokeMethod(&remote, "take", Qt::QueuedConnection,
-                                      Q_ARG(MediaV2::MediaPlaybackMetadata, record)));
-    QVERIFY(returned.wait());
-
-    QCOMPARE(returned.size(), 1);
-    QCOMPARE(describe(returned.first().first().value<MediaPlaybackMetadata>()), describe(record));
-}
 
 QTEST_GUILESS_MAIN(TestMediaPlaybackMetadata)
 #include "tst_media_playback_metadata.moc"

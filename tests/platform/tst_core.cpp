@@ -26,32 +26,8 @@ namespace {
 
 QStringList sDestroyed;   // main thread only
 
-struct FirstSingleton
-{
-    ~FirstSingleton() { sDestroyed.append(QStringLiteral("first")); }
-};
-
-struct SecondSingleton
-{
-    ~SecondSingleton() { sDestroyed.append(QStringLiteral("second")); }
-};
-
-// Runs `body` with the process's stderr sent to a file and returns what was written.
-template <class Body>
-QString captureStderr(Body body)
-{
-    QTemporaryFile file;
-    if (!file.open())
-        return QString();
-    const int saved = ::dup(STDERR_FILENO);
-    ::dup2(file.handle(), STDERR_FILENO);
-    body();
-    Logger::flush();
-    ::dup2(saved, STDERR_FILENO);
-    ::close(saved);
-    file.seek(0);
-    return QString::fromUtf8(file.readAll());
-}
+struct FirstSingleton { ~FirstSingleton() { sDestroyed.append(QStringLiteral("first")); } };
+struct SecondSingleton { ~SecondSingleton() { sDestroyed.append(QStringLiteral("second")); } };
 
 void logFromHere()
 {
@@ -64,207 +40,178 @@ class TestCore : public QObject
 {
     Q_OBJECT
 private slots:
-    void lineHasTimeLevelThreadFunctionAndMessage();
-    void piecesAreConcatenatedAsGiven();
-    void assertionKeepsItsTextsAndContinues();
-    void assertionMacroNamesTheSourceFromTheBuildTree();
-    void qtMessagesReachTheLog_data();
-    void qtMessagesReachTheLog();
-    void namedThreadShowsItsName();
-    void stalledReaderNeverBlocksTheLogger();
-    void finalizersRunNewestFirstAndOnce();
-    void singletonsAreDestroyedNewestFirstByFinalize();
-    void threadStoppedAtShutdown();
-    void timerStartedFromAnotherThreadFires();
-    void traceTagsComeFromTheEnvironment_data();
-    void traceTagsComeFromTheEnvironment();
-};
-
-void TestCore::lineHasTimeLevelThreadFunctionAndMessage()
-{
-    const QString written = captureStderr([] { LOG_INFO << "hello " << 7; });
-    static const QRegularExpression line(QStringLiteral(
-        R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z INFO \[main\] operator\(\)\(\): hello 7\n$)"));
-    QVERIFY2(line.match(written).hasMatch(), qPrintable(written));
-}
-
-void TestCore::piecesAreConcatenatedAsGiven()
-{
-    LogCapture log;
-    logFromHere();
-    QCOMPARE(log.lines(), QStringList{"logFromHere(): pieces 42 2.5 true bytes -9000000000"});
-    QCOMPARE(log.records().first().level, LogRecord::Warn);
-}
-
-void TestCore::assertionKeepsItsTextsAndContinues()
-{
-    LogCapture log;
-    Logger::logAssert("false", QStringLiteral("Built without engine!"), "../../../x/Y.cpp", 12);
-    QCOMPARE(log.asserts().size(), 1);
-    const LogRecord record = log.asserts().first();
-    QCOMPARE(record.condition, QStringLiteral("false"));
-    QCOMPARE(record.message, QStringLiteral("Built without engine!"));
-    QCOMPARE(record.file, QStringLiteral("../../../x/Y.cpp"));
-    QCOMPARE(record.line, 12);
-    QCOMPARE(record.level, LogRecord::Error);
-    QCOMPARE(record.text(), QStringLiteral("ASSERT failed: (false) Built without engine! [../../../x/Y.cpp:12]"));
-}
-
-void TestCore::assertionMacroNamesTheSourceFromTheBuildTree()
-{
-    LogCapture log;
-    const int answer = 41;
-    LOG_ASSERT(answer == 42, QStringLiteral("wrong answer"));
-    LOG_ASSERT(answer == 41, QStringLiteral("never logged"));
-    QCOMPARE(log.assertMessages(), QStringList{"wrong answer"});
-    QCOMPARE(log.asserts().first().condition, QStringLiteral("answer == 42"));
-    QCOMPARE(log.asserts().first().file, QStringLiteral("../../../tests/platform/tst_core.cpp"));
-}
-
-void TestCore::qtMessagesReachTheLog_data()
-{
-    QTest::addColumn<int>("type");
-    QTest::addColumn<int>("level");
-    QTest::newRow("debug is info") << int(QtDebugMsg) << int(LogRecord::Info);
-    QTest::newRow("warning is warn") << int(QtWarningMsg) << int(LogRecord::Warn);
-    QTest::newRow("critical is error") << int(QtCriticalMsg) << int(LogRecord::Error);
-}
-
-void TestCore::qtMessagesReachTheLog()
-{
-    QFETCH(int, type);
-    QFETCH(int, level);
-    LogCapture log;
-    QMessageLogContext context("file.cpp", 3, "void MediaV2::Thing::act(int) const", "default");
-    Logger::handleQtLogMessage(QtMsgType(type), context, QStringLiteral("from Qt"));
-    QCOMPARE(log.lines(), QStringList{"MediaV2::Thing::act(): from Qt"});
-    QCOMPARE(int(log.records().first().level), level);
-}
-
-void TestCore::namedThreadShowsItsName()
-{
-    LogCapture log;
-    SimpleTThread thread(QStringLiteral("StreamCacheThread"));
-    QObject worker;
-    worker.moveToThread(&thread);
-    thread.start();
-    QThread* mainThread = QThread::currentThread();
-    QMetaObject::invokeMethod(&worker, [&worker, mainThread] {
-        LOG_INFO << "on the worker";
-        worker.moveToThread(mainThread);
-    }, Qt::BlockingQueuedConnection);
-    std::thread plain([] {
-        pthread_setname_np(pthread_self(), "gst-streaming");
-        LOG_INFO << "on a plain thread";
-    });
-    plain.join();
-    thread.stop();
-    QCOMPARE(log.records().size(), 2);
-    QCOMPARE(log.records().at(0).threadName, QStringLiteral("StreamCacheThread"));
-    QCOMPARE(log.records().at(1).threadName, QStringLiteral("gst-streaming"));
-}
-
-void TestCore::stalledReaderNeverBlocksTheLogger()
-{
-    int fds[2];
-    QCOMPARE(::pipe(fds), 0);
-    QByteArray drained;
+    // What reaches stderr: time, level, thread, function and the pieces as given.
+    void lineHasTimeLevelThreadFunctionAndPieces()
     {
-        LogWriter writer(fds[1]);
-        // Far more than the pipe (64 KiB) and the writer's queue hold together: with a
-        // blocking design this loop would never finish.
-        const std::string line(1000, 'x');
-        for (int i = 0; i < 5000; ++i)
-            writer.enqueue(line + "\n");
-        std::thread reader([&] {
-            char buffer[65536];
-            ssize_t n;
-            while ((n = ::read(fds[0], buffer, sizeof(buffer))) > 0)
-                drained.append(buffer, int(n));
-        });
-        writer.enqueue("last line\n");
-        writer.flush();
-        ::close(fds[1]);
-        reader.join();
+        QTemporaryFile file;
+        QVERIFY(file.open());
+        const int saved = ::dup(STDERR_FILENO);
+        ::dup2(file.handle(), STDERR_FILENO);
+        logFromHere();
+        Logger::flush();
+        ::dup2(saved, STDERR_FILENO);
+        ::close(saved);
+        file.seek(0);
+        const QString written = QString::fromUtf8(file.readAll());
+        static const QRegularExpression line(QStringLiteral(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z WARN \[main\] )"
+                                                            R"(logFromHere\(\): pieces 42 2\.5 true bytes -9000000000\n$)"));
+        QVERIFY2(line.match(written).hasMatch(), qPrintable(written));
     }
-    ::close(fds[0]);
-    QVERIFY(drained.contains("log lines dropped: stderr is not being read"));
-    QVERIFY(drained.endsWith("last line\n"));
-    QVERIFY(drained.size() < 5000 * 1001);
-}
 
-void TestCore::finalizersRunNewestFirstAndOnce()
-{
-    Finalizer* finalizer = Finalizer::instance();
-    finalizer->finalize();   // whatever the platform registered runs first, out of the way
-    QStringList order;
-    finalizer->add(QStringLiteral("a"), [&] { order.append(QStringLiteral("a")); });
-    finalizer->add(QStringLiteral("b"), [&] {
-        order.append(QStringLiteral("b"));
-        finalizer->add(QStringLiteral("late"), [&] { order.append(QStringLiteral("late")); });
-    });
-    QCOMPARE(finalizer->pendingCount(), 2);
-    finalizer->finalize();
-    QCOMPARE(order, (QStringList{"b", "late", "a"}));
-    finalizer->finalize();
-    QCOMPARE(order.size(), 3);
-}
+    // A failed assertion is logged as an error naming the source from the build tree, and the
+    // program continues; a holding one logs nothing.
+    void assertionLogsItsTextsAndContinues()
+    {
+        LogCapture log;
+        const int answer = 41;
+        LOG_ASSERT(answer == 42, QStringLiteral("wrong answer"));
+        const int line = __LINE__ - 1;
+        LOG_ASSERT(answer == 41, QStringLiteral("never logged"));
+        QCOMPARE(log.asserts().size(), 1);
+        QCOMPARE(log.asserts().first().level, LogRecord::Error);
+        QCOMPARE(log.asserts().first().text(),
+                 QStringLiteral("ASSERT failed: (answer == 42) wrong answer [../../../tests/platform/tst_core.cpp:%1]").arg(line));
+    }
 
-void TestCore::singletonsAreDestroyedNewestFirstByFinalize()
-{
-    sDestroyed.clear();
-    FirstSingleton* first = Singleton<FirstSingleton>::instance();
-    QCOMPARE(Singleton<FirstSingleton>::instance(), first);
-    Singleton<SecondSingleton>::instance();
-    SingletonCleanup registration;   // what the platform library does when it loads
-    Finalizer::instance()->finalize();
-    QCOMPARE(sDestroyed, (QStringList{"second", "first"}));
-    QVERIFY(!Singleton<FirstSingleton>::exists());
-    QVERIFY(!Singleton<SecondSingleton>::exists());
-}
+    void qtMessagesReachTheLog_data()
+    {
+        QTest::addColumn<int>("type");
+        QTest::addColumn<int>("level");
+        QTest::newRow("debug is info") << int(QtDebugMsg) << int(LogRecord::Info);
+        QTest::newRow("warning is warn") << int(QtWarningMsg) << int(LogRecord::Warn);
+        QTest::newRow("critical is error") << int(QtCriticalMsg) << int(LogRecord::Error);
+    }
+    void qtMessagesReachTheLog()
+    {
+        QFETCH(int, type);
+        QFETCH(int, level);
+        LogCapture log;
+        QMessageLogContext context("file.cpp", 3, "void MediaV2::Thing::act(int) const", "default");
+        Logger::handleQtLogMessage(QtMsgType(type), context, QStringLiteral("from Qt"));
+        QCOMPARE(log.lines(), QStringList{"MediaV2::Thing::act(): from Qt"});
+        QCOMPARE(int(log.records().first().level), level);
+    }
 
-void TestCore::threadStoppedAtShutdown()
-{
-    SimpleTThread thread(QStringLiteral("Stopper"), true);
-    thread.start();
-    QVERIFY(thread.isRunning());
-    Finalizer::instance()->finalize();
-    QVERIFY(thread.isFinished());
-}
+    void namedThreadShowsItsName()
+    {
+        LogCapture log;
+        SimpleTThread thread(QStringLiteral("StreamCacheThread"));
+        QObject worker;
+        worker.moveToThread(&thread);
+        thread.start();
+        QThread* mainThread = QThread::currentThread();
+        QMetaObject::invokeMethod(&worker, [&worker, mainThread] {
+            LOG_INFO << "on the worker";
+            worker.moveToThread(mainThread);
+        }, Qt::BlockingQueuedConnection);
+        std::thread plain([] {
+            pthread_setname_np(pthread_self(), "gst-streaming");
+            LOG_INFO << "on a plain thread";
+        });
+        plain.join();
+        thread.stop();
+        QCOMPARE(log.records().size(), 2);
+        QCOMPARE(log.records().at(0).threadName, QStringLiteral("StreamCacheThread"));
+        QCOMPARE(log.records().at(1).threadName, QStringLiteral("gst-streaming"));
+    }
 
-void TestCore::timerStartedFromAnotherThreadFires()
-{
-    QTimer timer;
-    timer.setSingleShot(true);
-    QSignalSpy fired(&timer, &QTimer::timeout);
-    std::thread other([&timer] { TimerUtils::startTimer(&timer, -5); });
-    other.join();
-    QVERIFY(fired.wait(2000));
-    QCOMPARE(timer.interval(), 0);
-}
+    void stalledReaderNeverBlocksTheLogger()
+    {
+        int fds[2];
+        QCOMPARE(::pipe(fds), 0);
+        QByteArray drained;
+        {
+            LogWriter writer(fds[1]);
+            // Far more than the pipe (64 KiB) and the writer's queue hold together: with a
+            // blocking design this loop would never finish.
+            const std::string line(1000, 'x');
+            for (int i = 0; i < 5000; ++i)
+                writer.enqueue(line + "\n");
+            std::thread reader([&] {
+                char buffer[65536];
+                ssize_t n;
+                while ((n = ::read(fds[0], buffer, sizeof(buffer))) > 0)
+                    drained.append(buffer, int(n));
+            });
+            writer.enqueue("last line\n");
+            writer.flush();
+            ::close(fds[1]);
+            reader.join();
+        }
+        ::close(fds[0]);
+        QVERIFY(drained.contains("log lines dropped: stderr is not being read"));
+        QVERIFY(drained.endsWith("last line\n"));
+        QVERIFY(drained.size() < 5000 * 1001);
+    }
 
-void TestCore::traceTagsComeFromTheEnvironment_data()
-{
-    QTest::addColumn<QString>("environment");
-    QTest::addColumn<bool>("cacheEnabled");
-    QTest::addColumn<bool>("otherEnabled");
-    QTest::newRow("unset") << QString() << false << false;
-    QTest::newRow("list with spaces") << "fifo, streamcache" << true << false;
-    QTest::newRow("all") << "all" << true << true;
-}
+    void finalizersRunNewestFirstAndOnce()
+    {
+        Finalizer* finalizer = Finalizer::instance();
+        finalizer->finalize();   // whatever the platform registered runs first, out of the way
+        QStringList order;
+        finalizer->add(QStringLiteral("a"), [&] { order.append(QStringLiteral("a")); });
+        finalizer->add(QStringLiteral("b"), [&] {
+            order.append(QStringLiteral("b"));
+            finalizer->add(QStringLiteral("late"), [&] { order.append(QStringLiteral("late")); });
+        });
+        QCOMPARE(finalizer->pendingCount(), 2);
+        finalizer->finalize();
+        QCOMPARE(order, (QStringList{"b", "late", "a"}));
+        finalizer->finalize();
+        QCOMPARE(order.size(), 3);
+    }
 
-void TestCore::traceTagsComeFromTheEnvironment()
-{
-    QFETCH(QString, environment);
-    QFETCH(bool, cacheEnabled);
-    QFETCH(bool, otherEnabled);
-    qputenv("CABIN_TRACE", environment.toUtf8());
-    tag_tracer_init();
-    QCOMPARE(tag_tracer_enabled(QStringLiteral("streamcache")), cacheEnabled);
-    QCOMPARE(tag_tracer_enabled(QStringLiteral("other")), otherEnabled);
-    qunsetenv("CABIN_TRACE");
-    tag_tracer_init();
-}
+    // Finalize destroys the singletons newest first and stops threads made to stop at shutdown.
+    void finalizeDestroysSingletonsAndStopsThreads()
+    {
+        sDestroyed.clear();
+        FirstSingleton* first = Singleton<FirstSingleton>::instance();
+        QCOMPARE(Singleton<FirstSingleton>::instance(), first);
+        Singleton<SecondSingleton>::instance();
+        SingletonCleanup registration;   // what the platform library does when it loads
+        SimpleTThread thread(QStringLiteral("Stopper"), true);
+        thread.start();
+        QVERIFY(thread.isRunning());
+        Finalizer::instance()->finalize();
+        QCOMPARE(sDestroyed, (QStringList{"second", "first"}));
+        QVERIFY(!Singleton<FirstSingleton>::exists());
+        QVERIFY(!Singleton<SecondSingleton>::exists());
+        QVERIFY(thread.isFinished());
+    }
+
+    void timerStartedFromAnotherThreadFires()
+    {
+        QTimer timer;
+        timer.setSingleShot(true);
+        QSignalSpy fired(&timer, &QTimer::timeout);
+        std::thread other([&timer] { TimerUtils::startTimer(&timer, -5); });
+        other.join();
+        QVERIFY(fired.wait(2000));
+        QCOMPARE(timer.interval(), 0);
+    }
+
+    void traceTagsComeFromTheEnvironment_data()
+    {
+        QTest::addColumn<QString>("environment");
+        QTest::addColumn<bool>("cacheEnabled");
+        QTest::addColumn<bool>("otherEnabled");
+        QTest::newRow("unset") << QString() << false << false;
+        QTest::newRow("list with spaces") << "fifo, streamcache" << true << false;
+        QTest::newRow("all") << "all" << true << true;
+    }
+    void traceTagsComeFromTheEnvironment()
+    {
+        QFETCH(QString, environment);
+        QFETCH(bool, cacheEnabled);
+        QFETCH(bool, otherEnabled);
+        qputenv("CABIN_TRACE", environment.toUtf8());
+        tag_tracer_init();
+        QCOMPARE(tag_tracer_enabled(QStringLiteral("streamcache")), cacheEnabled);
+        QCOMPARE(tag_tracer_enabled(QStringLiteral("other")), otherEnabled);
+        qunsetenv("CABIN_TRACE");
+        tag_tracer_init();
+    }
+};
 
 QTEST_GUILESS_MAIN(TestCore)
 #include "tst_core.moc"
