@@ -1,0 +1,196 @@
+// The threaded file writers and file helpers: chunks land in order and are reported, a file is
+// continued at its end, resize reserves without lengthening, content is replaced whole, and
+// unwritable places and a full disk are reported instead of crashing.
+
+#include "platform/io/FileUtils.h"
+#include "platform/io/ThreadedFileWriter.h"
+#include "platform/io/ThreadedIncrementalFileWriter.h"
+
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+namespace {
+
+QByteArray readAll(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+// Waits for `count` reports and returns them as "bytes:error".
+QStringList reports(QSignalSpy& spy, int count)
+{
+    QStringList texts;
+    while (spy.size() < count && spy.wait(5000)) {
+    }
+    for (const QList<QVariant>& arguments : spy)
+        texts.append(arguments.at(0).toString() + QLatin1Char(':') + arguments.at(1).toString());
+    return texts;
+}
+
+// A 64 KiB tmpfs, when this machine lets the test mount one.
+class SmallFileSystem
+{
+public:
+    explicit SmallFileSystem(const QString& where)
+        : mPath(where)
+    {
+        QDir().mkpath(where);
+        mMounted = ::mount("tmpfs", where.toLocal8Bit().constData(), "tmpfs", 0, "size=64k") == 0;
+    }
+    ~SmallFileSystem()
+    {
+        if (mMounted)
+            ::umount(mPath.toLocal8Bit().constData());
+    }
+    bool mounted() const { return mMounted; }
+
+private:
+    QString mPath;
+    bool mMounted = false;
+};
+
+} // namespace
+
+class TestFileWriters : public QObject
+{
+    Q_OBJECT
+private slots:
+    void chunksAreWrittenInOrderAndReported();
+    void existingFileIsContinuedAtItsEnd();
+    void resizeReservesButNeverLengthens();
+    void unwritablePlaceIsReported();
+    void fullDiskIsReported();
+    void contentIsReplacedWhole();
+    void filesOutsideTheKeepSetAreRemoved();
+
+private:
+    QTemporaryDir mDir;
+};
+
+void TestFileWriters::chunksAreWrittenInOrderAndReported()
+{
+    const QString path = mDir.filePath(QStringLiteral("order.bin"));
+    ThreadedIncrementalFileWriter writer(path);
+    QSignalSpy written(&writer, &ThreadedIncrementalFileWriter::dataWritten);
+    writer.write("first-");
+    writer.write("second-");
+    writer.seek(0);
+    writer.write("FIRST");
+    QCOMPARE(reports(written, 3), (QStringList{"6:", "7:", "5:"}));
+    QCOMPARE(readAll(path), QByteArray("FIRST-second-"));
+}
+
+void TestFileWriters::existingFileIsContinuedAtItsEnd()
+{
+    const QString path = mDir.filePath(QStringLiteral("resume.bin"));
+    QFile existing(path);
+    QVERIFY(existing.open(QIODevice::WriteOnly));
+    existing.write("0123456789");
+    existing.close();
+    ThreadedIncrementalFileWriter writer(path);
+    QSignalSpy written(&writer, &ThreadedIncrementalFileWriter::dataWritten);
+    writer.write("abc");
+    QCOMPARE(reports(written, 1), QStringList{"3:"});
+    QCOMPARE(readAll(path), QByteArray("0123456789abc"));
+}
+
+// A player reading the growing file must never meet bytes that were not written.
+void TestFileWriters::resizeReservesButNeverLengthens()
+{
+    const QString path = mDir.filePath(QStringLiteral("reserve.bin"));
+    ThreadedIncrementalFileWriter writer(path);
+    QSignalSpy written(&writer, &ThreadedIncrementalFileWriter::dataWritten);
+    QSignalSpy resized(&writer, &ThreadedIncrementalFileWriter::resized);
+    writer.write(QByteArray(1000, 'x'));
+    writer.resize(4 * 1024 * 1024);
+    QCOMPARE(reports(resized, 1), QStringList{"4194304:"});
+    QCOMPARE(FileUtils::fileSize(path), qint64(1000));
+    struct stat info;
+    QCOMPARE(::stat(path.toLocal8Bit().constData(), &info), 0);
+    QVERIFY2(qint64(info.st_blocks) * 512 >= 4 * 1024 * 1024, "the room was not reserved");
+    writer.resize(400);
+    QCOMPARE(reports(resized, 2).last(), QStringLiteral("400:"));
+    writer.write("end");
+    QCOMPARE(reports(written, 2).last(), QStringLiteral("3:"));
+    QCOMPARE(readAll(path), QByteArray(400, 'x') + "end");
+}
+
+void TestFileWriters::unwritablePlaceIsReported()
+{
+    // Not a folder at all: refused even for root, who may write into read-only folders.
+    const QString path = QStringLiteral("/proc/version/cache.bin");
+    ThreadedIncrementalFileWriter writer(path);
+    QSignalSpy written(&writer, &ThreadedIncrementalFileWriter::dataWritten);
+    writer.write("data");
+    writer.write("more");
+    QCOMPARE(reports(written, 2), (QStringList{"-1:cannot open /proc/version/cache.bin: Not a directory",
+                                               "-1:cannot open /proc/version/cache.bin: Not a directory"}));
+    ThreadedFileWriter info(QStringLiteral("/proc/version/info.txt"));
+    QSignalSpy infoWritten(&info, &ThreadedFileWriter::dataWritten);
+    info.writeContent("{}");
+    QVERIFY(reports(infoWritten, 1).first().startsWith(QLatin1String("-1:cannot create a file beside /proc/version/info.txt: ")));
+}
+
+void TestFileWriters::fullDiskIsReported()
+{
+    SmallFileSystem small(mDir.filePath(QStringLiteral("small")));
+    if (!small.mounted())
+        QSKIP("cannot mount a small tmpfs here (needs CAP_SYS_ADMIN)");
+    const QString path = mDir.filePath(QStringLiteral("small/cache.bin"));
+    {
+        ThreadedIncrementalFileWriter writer(path);
+        QSignalSpy written(&writer, &ThreadedIncrementalFileWriter::dataWritten);
+        QSignalSpy resized(&writer, &ThreadedIncrementalFileWriter::resized);
+        writer.resize(1024 * 1024);
+        QCOMPARE(reports(resized, 1).first(), QStringLiteral("-1:cannot reserve room for %1: No space left on device").arg(path));
+        for (int i = 0; i < 4; ++i)
+            writer.write(QByteArray(32 * 1024, 'y'));
+        const QStringList texts = reports(written, 4);
+        QCOMPARE(texts.first(), QStringLiteral("32768:"));
+        QCOMPARE(texts.last(), QStringLiteral("-1:cannot write to %1: No space left on device").arg(path));
+        // A chunk that failed half-way may have left bytes behind; cutting the file to what was
+        // reported written leaves exactly those bytes.
+        qint64 reported = 0;
+        for (const QString& text : texts)
+            reported += qMax(0LL, text.section(QLatin1Char(':'), 0, 0).toLongLong());
+        writer.resize(reported);
+        QCOMPARE(reports(resized, 2).last(), QStringLiteral("%1:").arg(reported));
+        QCOMPARE(FileUtils::fileSize(path), reported);
+    }
+}
+
+void TestFileWriters::contentIsReplacedWhole()
+{
+    const QString path = mDir.filePath(QStringLiteral("info.txt"));
+    ThreadedFileWriter writer(path);
+    QSignalSpy written(&writer, &ThreadedFileWriter::dataWritten);
+    writer.writeContent(QByteArray(5000, 'a'));
+    writer.writeContent("{\"complete\":true}");
+    QCOMPARE(reports(written, 2), (QStringList{"5000:", "17:"}));
+    QCOMPARE(readAll(path), QByteArray("{\"complete\":true}"));
+    QCOMPARE(FileUtils::plainFiles(mDir.path()).filter(QStringLiteral("info.txt.")), QStringList());
+}
+
+void TestFileWriters::filesOutsideTheKeepSetAreRemoved()
+{
+    QTemporaryDir dir;
+    for (const char* name : {"a_cache", "a_info.txt", "b_cache"})
+        QFile(dir.filePath(QLatin1String(name))).open(QIODevice::WriteOnly);
+    QDir(dir.path()).mkdir(QStringLiteral("sub"));
+    const QStringList removed = FileUtils::removeFilesExcept(dir.path(), {dir.filePath(QStringLiteral("a_cache")),
+                                                                           dir.filePath(QStringLiteral("a_info.txt"))});
+    QCOMPARE(removed, QStringList{dir.filePath(QStringLiteral("b_cache"))});
+    QVERIFY(QDir(dir.filePath(QStringLiteral("sub"))).exists());
+    QString error;
+    QVERIFY(FileUtils::linkOrCopy(dir.filePath(QStringLiteral("a_cache")), dir.filePath(QStringLiteral("copy")), &error));
+    QVERIFY(FileUtils::freeDiskSpaceMb(dir.path()) > 0);
+    QVERIFY(FileUtils::removeFolder(dir.filePath(QStringLiteral("sub"))));
+    QVERIFY(!QDir(dir.filePath(QStringLiteral("sub"))).exists());
+}
+
+QTEST_GUILESS_MAIN(TestFileWriters)
+#include "tst_file_writers.moc"
