@@ -12,6 +12,7 @@
 #include "platform/core/TagTracer.h"
 #include "platform/datavalue/DataValueManager.h"
 #include "platform/log/LogLine.h"
+#include "platform/net/NetDownloader.h"
 #include "platform/service/ServiceManager.h"
 #include "vehicle/VehicleDataValues.h"
 
@@ -48,8 +49,7 @@ void startUp(QCoreApplication& app, int argc, char** argv)
     app.setApplicationName(QStringLiteral("CabinMediaServer2"));
     registerSignalHandlers();                                                 // 5
     qInstallMessageHandler(&Logger::handleQtLogMessage);                      // 6
-    // 7. Every download counts its traffic into MEDIA2_connNetStats (handed to the downloader
-    //    when it exists); the statistics follow the link state.
+    NetDownloader::setNetStats(&MEDIA2_connNetStats);                         // 7
     MEDIA2_connNetStats.setLinkStateValue(&LINK_linkState);
     DataValueManager::instance()->loadInitialValues();                        // 8
     RuntimeEnv::instance()->setFromArgs(argc, argv);                          // 9

@@ -1,7 +1,10 @@
-// HTTP downloads. The downloader class is built on this setting; it lives here, beside the
-// code that reads it.
+#include "platform/net/NetDownloader.h"
 
 #include "platform/config/ConfigBoolValue.h"
+#include "platform/datavalue/ConnectionUsageDataValue.h"
+#include "platform/log/LogLine.h"
+
+#include <QUrl>
 
 namespace {
 
@@ -9,4 +12,271 @@ namespace {
 // that ask for it play anyway. Deployments that want strict TLS set it false.
 ConfigBoolValue sAllowInsecureTls("net/allow_insecure_tls", true);
 
+NetStats::ConnectionUsageDataValue* sNetStats = nullptr;   // main thread only
+
+// A redirect loop ends here instead of forever.
+constexpr long kMaxRedirects = 10;
+constexpr long kConnectTimeoutSeconds = 15;
+
 } // namespace
+
+NetDownloader::NetDownloader(NetStats::Category category, const QString& url, bool bufferedDownload, QObject* parent)
+    : QObject(parent)
+    , mEasy((CurlMulti::instance(), curl_easy_init()))
+    , mCategory(category)
+    , mUrl(url)
+    , mBufferedDownload(bufferedDownload)
+{
+}
+
+NetDownloader::~NetDownloader()
+{
+    CurlMulti::instance()->remove(mEasy);
+    curl_easy_cleanup(mEasy);
+    curl_slist_free_all(mHeaderList);
+    curl_slist_free_all(mStatusAliases);
+}
+
+void NetDownloader::setNetStats(NetStats::ConnectionUsageDataValue* stats)
+{
+    sNetStats = stats;
+}
+
+void NetDownloader::addHeader(const QString& name, const QString& value)
+{
+    mRequestHeaders.append(qMakePair(name.toUtf8(), value.toUtf8()));
+}
+
+void NetDownloader::setRetryWithTLSV1OnSSLError(bool retry)
+{
+    mRetryWithOldTls = retry;
+}
+
+void NetDownloader::setSSLPeerVerificationMode(QSslSocket::PeerVerifyMode mode)
+{
+    mVerifyPeer = mode != QSslSocket::VerifyNone && mode != QSslSocket::QueryPeer;
+}
+
+void NetDownloader::setFromEncodedUrl(bool encoded)
+{
+    mEncodedUrl = encoded;
+}
+
+void NetDownloader::setStallTimeout(int seconds)
+{
+    mStallTimeout = seconds;
+}
+
+bool NetDownloader::configure(const QByteArray& postData, bool headOnly)
+{
+    const QByteArray url = mEncodedUrl ? mUrl.toUtf8() : QUrl(mUrl).toEncoded();
+    curl_easy_reset(mEasy);
+    curl_easy_setopt(mEasy, CURLOPT_URL, url.constData());
+    curl_easy_setopt(mEasy, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(mEasy, CURLOPT_MAXREDIRS, kMaxRedirects);
+    curl_easy_setopt(mEasy, CURLOPT_FAILONERROR, 1L);
+    curl_easy_setopt(mEasy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(mEasy, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
+    curl_easy_setopt(mEasy, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(mEasy, CURLOPT_LOW_SPEED_TIME, long(mStallTimeout));
+    curl_easy_setopt(mEasy, CURLOPT_BUFFERSIZE, mBufferedDownload ? 256L * 1024 : 16L * 1024);
+    curl_easy_setopt(mEasy, CURLOPT_HEADERFUNCTION, &NetDownloader::onHeader);
+    curl_easy_setopt(mEasy, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(mEasy, CURLOPT_WRITEFUNCTION, &NetDownloader::onBody);
+    curl_easy_setopt(mEasy, CURLOPT_WRITEDATA, this);
+    // Exactly this line: a shorter alias such as "ICY" would also turn "ICY 404" into a 200.
+    curl_slist_free_all(mStatusAliases);
+    mStatusAliases = curl_slist_append(nullptr, "ICY 200 OK");
+    curl_easy_setopt(mEasy, CURLOPT_HTTP200ALIASES, mStatusAliases);
+    curl_slist_free_all(mHeaderList);
+    mHeaderList = nullptr;
+    for (const auto& header : mRequestHeaders)
+        mHeaderList = curl_slist_append(mHeaderList, (header.first + ": " + header.second).constData());
+    curl_easy_setopt(mEasy, CURLOPT_HTTPHEADER, mHeaderList);
+    mPostData = postData;
+    if (!mPostData.isEmpty()) {
+        curl_easy_setopt(mEasy, CURLOPT_POSTFIELDS, mPostData.constData());
+        curl_easy_setopt(mEasy, CURLOPT_POSTFIELDSIZE, long(mPostData.size()));
+    }
+    curl_easy_setopt(mEasy, CURLOPT_NOBODY, headOnly ? 1L : 0L);
+    if (!mVerifyPeer) {
+        if (sAllowInsecureTls.value()) {
+            curl_easy_setopt(mEasy, CURLOPT_SSL_VERIFYPEER, 0L);
+            curl_easy_setopt(mEasy, CURLOPT_SSL_VERIFYHOST, 0L);
+        } else {
+            LOG_WARN << "not skipping certificate verification for " << mUrl << ": net/allow_insecure_tls is false";
+        }
+    }
+    if (mTriedOldTls)
+        curl_easy_setopt(mEasy, CURLOPT_SSLVERSION, long(CURL_SSLVERSION_TLSv1_0 | CURL_SSLVERSION_MAX_TLSv1_0));
+    return true;
+}
+
+bool NetDownloader::startDownload(const QByteArray& postData, bool headOnly)
+{
+    if (mRunning)
+        return false;
+    configure(postData, headOnly);
+    mResponseHeaders.clear();
+    mStatusCode = 0;
+    mError.clear();
+    mPending.clear();
+    mPaused = false;
+    mRunning = true;
+    CurlMulti::instance()->add(mEasy, this);
+    return true;
+}
+
+void NetDownloader::abort()
+{
+    if (!mRunning)
+        return;
+    CurlMulti::instance()->remove(mEasy);
+    mError = QStringLiteral("aborted");
+    QMetaObject::invokeMethod(this, [this] { finish(Aborted); }, Qt::QueuedConnection);
+}
+
+bool NetDownloader::hasResponseHeader(const QByteArray& name) const
+{
+    for (const auto& header : mResponseHeaders)
+        if (header.first.compare(name, Qt::CaseInsensitive) == 0)
+            return true;
+    return false;
+}
+
+QByteArray NetDownloader::responseHeader(const QByteArray& name) const
+{
+    for (const auto& header : mResponseHeaders)
+        if (header.first.compare(name, Qt::CaseInsensitive) == 0)
+            return header.second;
+    return QByteArray();
+}
+
+size_t NetDownloader::onHeader(char* data, size_t size, size_t count, void* self)
+{
+    static_cast<NetDownloader*>(self)->headerLine(QByteArray(data, int(size * count)));
+    return size * count;
+}
+
+// Called by curl: only records, never calls back into curl or out to receivers.
+void NetDownloader::headerLine(const QByteArray& raw)
+{
+    const QByteArray line = raw.trimmed();
+    if (line.isEmpty()) {
+        headersComplete();
+        return;
+    }
+    if (line.startsWith("HTTP/") || line.startsWith("ICY ")) {
+        mResponseHeaders.clear();
+        mStatusCode = line.split(' ').value(1).toInt();
+        return;
+    }
+    const int colon = line.indexOf(':');
+    if (colon > 0)
+        mResponseHeaders.append(qMakePair(line.left(colon).trimmed(), line.mid(colon + 1).trimmed()));
+}
+
+void NetDownloader::headersComplete()
+{
+    const bool redirect = mStatusCode >= 300 && mStatusCode < 400 && hasResponseHeader("Location");
+    if (redirect) {
+        const QString target = QUrl(mUrl).resolved(QUrl(QString::fromUtf8(responseHeader("Location")))).toString();
+        mUrl = target;
+        QMetaObject::invokeMethod(this, [this, target] { emit redirected(target); }, Qt::QueuedConnection);
+        return;
+    }
+    QMetaObject::invokeMethod(this, [this] { emit metaDataChanged(); }, Qt::QueuedConnection);
+}
+
+size_t NetDownloader::onBody(char* data, size_t size, size_t count, void* self)
+{
+    return static_cast<NetDownloader*>(self)->bodyChunk(data, size * count);
+}
+
+// Called by curl: the chunk waits for the next loop turn; past the limit curl keeps it and
+// pauses until the waiting bytes are delivered.
+size_t NetDownloader::bodyChunk(const char* data, size_t size)
+{
+    if (mPending.size() + qint64(size) > kMaxPendingBytes && !mPending.isEmpty()) {
+        mPaused = true;
+        return CURL_WRITEFUNC_PAUSE;
+    }
+    mPending.append(data, int(size));
+    if (!mDeliveryQueued) {
+        mDeliveryQueued = true;
+        QMetaObject::invokeMethod(this, &NetDownloader::deliverPending, Qt::QueuedConnection);
+    }
+    return size;
+}
+
+void NetDownloader::deliverPending()
+{
+    mDeliveryQueued = false;
+    if (mPending.isEmpty())
+        return;
+    const QByteArray chunk = mPending;
+    mPending.clear();
+    if (sNetStats)
+        sNetStats->addTraffic(mCategory, quint64(chunk.size()), 0);
+    if (mPaused && mRunning) {
+        mPaused = false;
+        curl_easy_pause(mEasy, CURLPAUSE_CONT);
+        CurlMulti::instance()->kick();
+    }
+    emit dataAvailable(chunk);
+}
+
+NetDownloader::Status NetDownloader::statusFor(CURLcode result) const
+{
+    switch (result) {
+    case CURLE_OK: return Success;
+    case CURLE_OPERATION_TIMEDOUT: return Timeout;
+    case CURLE_HTTP_RETURNED_ERROR: return HttpError;
+    case CURLE_TOO_MANY_REDIRECTS: return TooManyRedirects;
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CIPHER:
+    case CURLE_SSL_CACERT_BADFILE: return SslError;
+    default: return NetworkError;
+    }
+}
+
+// Old servers that speak only TLS 1.0 get one more try, where the item asked for it and the
+// deployment allows it.
+bool NetDownloader::maybeRetryWithOldTls(CURLcode result)
+{
+    if (statusFor(result) != SslError || !mRetryWithOldTls || mTriedOldTls)
+        return false;
+    if (!sAllowInsecureTls.value()) {
+        LOG_WARN << "not retrying " << mUrl << " with TLS 1.0: net/allow_insecure_tls is false";
+        return false;
+    }
+    mTriedOldTls = true;
+    mRunning = false;
+    return startDownload(mPostData);
+}
+
+void NetDownloader::transferFinished(CURLcode result)
+{
+    curl_off_t sent = 0;
+    if (sNetStats && curl_easy_getinfo(mEasy, CURLINFO_REQUEST_SIZE, &sent) == CURLE_OK && sent > 0)
+        sNetStats->addTraffic(mCategory, 0, quint64(sent));
+    long code = 0;
+    if (curl_easy_getinfo(mEasy, CURLINFO_RESPONSE_CODE, &code) == CURLE_OK && code > 0)
+        mStatusCode = int(code);
+    if (result != CURLE_OK)
+        mError = QString::fromUtf8(curl_easy_strerror(result));
+    if (maybeRetryWithOldTls(result))
+        return;
+    deliverPending();
+    finish(statusFor(result));
+}
+
+void NetDownloader::finish(Status status)
+{
+    if (!mRunning)
+        return;
+    mRunning = false;
+    emit downloadComplete(this, status);
+}
