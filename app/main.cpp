@@ -13,6 +13,7 @@
 #include "platform/datavalue/DataValueManager.h"
 #include "platform/log/LogLine.h"
 #include "platform/net/NetDownloader.h"
+#include "platform/net/URLResolver.h"
 #include "platform/service/ServiceManager.h"
 #include "vehicle/VehicleDataValues.h"
 
@@ -40,8 +41,7 @@ bool startServing()
 
 void startUp(QCoreApplication& app, int argc, char** argv)
 {
-    // 1. URL resolution is initialised first, before the application object, when the
-    //    downloads layer provides it.
+    // 1. URLResolver::init() ran before the application object (see run()).
     // 2. The application object exists (made by the caller).
     tag_tracer_init();                                                        // 3
     app.setOrganizationName(QStringLiteral("KelvraMotors"));                  // 4
@@ -75,6 +75,7 @@ void shutDown()
 // Runs the server; returns the exit status once the application object is gone.
 int run(int argc, char** argv)
 {
+    URLResolver::init();                                                      // 1
     QCoreApplication app(argc, argv);
     startUp(app, argc, argv);
     if (!startServing()) {

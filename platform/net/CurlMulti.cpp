@@ -7,6 +7,7 @@ CurlMulti* CurlMulti::instance()
 {
     static CurlMulti* multi = nullptr;
     if (!multi) {
+        // Normally done by URLResolver::init() at start-up; a second call only counts up.
         curl_global_init(CURL_GLOBAL_DEFAULT);
         multi = new CurlMulti;   // lives as long as the process: curl may call back until exit
     }

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+#include <QUrl>
+
+class NetDownloader;
+
+// Turns a station's playlist URL (PLS, M3U, extended M3U) into the first stream URL it lists;
+// any other URL is answered unchanged, without a request. Relative entries are resolved
+// against the playlist's own URL. A playlist that cannot be fetched, is larger than 64 kB or
+// lists nothing is answered with the requested URL, and the reason is logged: the player then
+// tries the URL itself rather than playing nothing.
+//
+// resolve() always leads to exactly one urlResolved(requested, resolved), on a later turn of
+// the event loop.
+//
+// Thread: main thread. Owns the playlist download while it runs.
+class URLResolver : public QObject
+{
+    Q_OBJECT
+public:
+    explicit URLResolver(const QString& url, QObject* parent = nullptr);
+
+    // Once at process start, before any thread exists: libcurl's global set-up is not
+    // thread-safe.
+    static void init();
+
+    void resolve();
+
+signals:
+    void urlResolved(QString requested, QString resolved);
+
+private slots:
+    void collect(const QByteArray& data);
+    void fetched();
+
+private:
+    enum Kind { NotAPlaylist, Pls, M3u };
+    static Kind kindOf(const QUrl& url);
+    QString firstEntry() const;
+    void answer(const QString& resolved);
+
+    // Far more than any station list; a larger answer is not a playlist.
+    static constexpr int kMaxPlaylistBytes = 64 * 1024;
+
+    const QString mRequested;
+    Kind mKind = NotAPlaylist;
+    QByteArray mPlaylist;
+    NetDownloader* mDownloader = nullptr;
+    bool mAnswered = false;
+};
