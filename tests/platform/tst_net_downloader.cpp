@@ -3,7 +3,9 @@
 // listening), old ICY status lines, byte counting, and a consumer slower than the network.
 
 #include "platform/datavalue/ConnectionUsageDataValue.h"
+#include "platform/config/ConfigStore.h"
 #include "platform/net/NetDownloader.h"
+#include "tests/support/LogCapture.h"
 #include "tests/support/TestHttpServer.h"
 
 #include <QScopeGuard>
@@ -63,6 +65,7 @@ private slots:
     void redirectIsReportedAndFollowed();
     void icyStatusLineIsAcceptedWithItsHeaders();
     void bytesAreCountedByCategory();
+    void strictTlsRefusesToSkipVerification();
     void slowConsumerKeepsMemoryBounded();
 
 private:
@@ -196,6 +199,18 @@ void TestNetDownloader::bytesAreCountedByCategory()
     QCOMPARE(counted.categories.value(7).received, quint64(mBody.size()));
     QVERIFY(counted.categories.value(7).sent > 0);   // the request line and headers
     QVERIFY(!counted.categories.contains(0));
+}
+
+void TestNetDownloader::strictTlsRefusesToSkipVerification()
+{
+    QVERIFY(ConfigStore::instance()->set(QStringLiteral("net/allow_insecure_tls"), QStringLiteral("false"), nullptr));
+    LogCapture log;
+    NetDownloader downloader(0, mServer.url(QStringLiteral("/whole")).toString(), true);
+    downloader.setSSLPeerVerificationMode(QSslSocket::VerifyNone);
+    QCOMPARE(download(downloader).status, NetDownloader::Success);
+    ConfigStore::instance()->unset(QStringLiteral("net/allow_insecure_tls"));
+    QCOMPARE(log.lines(), QStringList{"configure(): not skipping certificate verification for " + mServer.url(QStringLiteral("/whole")).toString()
+                                      + ": net/allow_insecure_tls is false"});
 }
 
 // The receiver takes its time with every chunk while a server on another thread sends as fast
