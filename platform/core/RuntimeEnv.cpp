@@ -10,12 +10,17 @@ RuntimeEnv* RuntimeEnv::instance()
     return &env;
 }
 
-QString RuntimeEnv::defaultSettingsFile()
+QString RuntimeEnv::configFolder()
 {
     QString base = qEnvironmentVariable("XDG_CONFIG_HOME");
     if (base.isEmpty())
         base = QDir::homePath() + QStringLiteral("/.config");
-    return base + QStringLiteral("/KelvraMotors/CabinMediaServer2.conf");
+    return base + QStringLiteral("/KelvraMotors");
+}
+
+QString RuntimeEnv::defaultSettingsFile()
+{
+    return configFolder() + QStringLiteral("/CabinMediaServer2.conf");
 }
 
 // Accepts "--option VALUE" and "--option=VALUE"; returns false when arg is another option.

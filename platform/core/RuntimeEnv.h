@@ -32,7 +32,9 @@ public:
     // The settings file in use after setFromArgs().
     QString settingsFile() const { return mSettingsFile; }
 
-    // $XDG_CONFIG_HOME (or ~/.config) + "/KelvraMotors/CabinMediaServer2.conf".
+    // $XDG_CONFIG_HOME (or ~/.config) + "/KelvraMotors": where the process's own files live.
+    static QString configFolder();
+    // configFolder() + "/CabinMediaServer2.conf".
     static QString defaultSettingsFile();
 
 private:

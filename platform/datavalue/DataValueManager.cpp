@@ -1,9 +1,9 @@
 #include "platform/datavalue/DataValueManager.h"
 
+#include "platform/core/RuntimeEnv.h"
 #include "platform/datavalue/DataValue.h"
 #include "platform/log/LogLine.h"
 
-#include <QDir>
 #include <QFileInfo>
 #include <QSettings>
 
@@ -49,10 +49,7 @@ QStringList DataValueManager::names() const
 
 QString DataValueManager::initialValuesFile()
 {
-    QString base = qEnvironmentVariable("XDG_CONFIG_HOME");
-    if (base.isEmpty())
-        base = QDir::homePath() + QStringLiteral("/.config");
-    return base + QStringLiteral("/KelvraMotors/CabinMediaServer2-values.conf");
+    return RuntimeEnv::configFolder() + QStringLiteral("/CabinMediaServer2-values.conf");
 }
 
 bool DataValueManager::loadInitialValues()
