@@ -61,13 +61,27 @@ void URLResolver::fetched()
         answer(mRequested);
         return;
     }
+    answer(streamOrRequested());
+}
+
+// The fetched playlist's first stream, or the requested URL (and why, logged).
+QString URLResolver::streamOrRequested() const
+{
+    if (mPlaylist.contains("#EXT-X-")) {
+        LOG_INFO << "playlist " << mRequested << " is HLS; the player fetches it itself";
+        return mRequested;
+    }
     const QString entry = firstEntry();
     if (entry.isEmpty()) {
         LOG_WARN << "playlist " << mRequested << " lists no stream; playing the URL itself";
-        answer(mRequested);
-        return;
+        return mRequested;
     }
-    answer(QUrl(mRequested).resolved(QUrl(entry)).toString());
+    const QUrl stream = QUrl(mDownloader->url()).resolved(QUrl(entry));
+    if (stream.scheme() != QLatin1String("http") && stream.scheme() != QLatin1String("https")) {
+        LOG_WARN << "playlist " << mRequested << " lists " << entry << ", which is not http or https; playing the URL itself";
+        return mRequested;
+    }
+    return stream.toString();
 }
 
 // PLS: the FileN entry with the lowest N. M3U: the first line that is not a comment.

@@ -8,9 +8,12 @@ class NetDownloader;
 
 // Turns a station's playlist URL (PLS, M3U, extended M3U) into the first stream URL it lists;
 // any other URL is answered unchanged, without a request. Relative entries are resolved
-// against the playlist's own URL. A playlist that cannot be fetched, is larger than 64 kB or
-// lists nothing is answered with the requested URL, and the reason is logged: the player then
-// tries the URL itself rather than playing nothing.
+// against the URL the playlist was finally fetched from, after redirects. An HLS playlist
+// (one with #EXT-X- tags) is answered unchanged: its entries are segments of a few seconds,
+// and GStreamer plays the playlist itself. A playlist that cannot be fetched, is larger than
+// 64 kB, lists nothing or lists a stream that is not http or https is answered with the
+// requested URL, and the reason is logged: the player then tries the URL itself rather than
+// playing nothing.
 //
 // resolve() always leads to exactly one urlResolved(requested, resolved), on a later turn of
 // the event loop.
@@ -39,6 +42,7 @@ private:
     enum Kind { NotAPlaylist, Pls, M3u };
     static Kind kindOf(const QUrl& url);
     QString firstEntry() const;
+    QString streamOrRequested() const;
     void answer(const QString& resolved);
 
     // Far more than any station list; a larger answer is not a playlist.

@@ -1,6 +1,7 @@
 // Playlist resolution against the loopback server: each playlist kind gives its first stream,
-// relative entries are resolved, every failure answers with the requested URL, other URLs are
-// answered without a request, and there is always exactly one answer.
+// relative entries are resolved against where the playlist was finally found, every failure and
+// every entry of a scheme other than http or https answers with the requested URL, HLS playlists
+// and other URLs are answered unchanged, and there is always exactly one answer.
 
 #include "platform/net/URLResolver.h"
 #include "tests/support/LogCapture.h"
@@ -27,20 +28,27 @@ void TestUrlResolver::answersOnce_data()
     QTest::addColumn<int>("status");
     QTest::addColumn<QString>("resolved");   // "" = the requested URL; "/x" = on this server
     QTest::addColumn<QString>("logged");
+    QTest::addColumn<QString>("movedTo");    // "" = served at path; else path redirects here
     QTest::newRow("pls gives its first file") << "/radio.pls"
         << QByteArray("[playlist]\nNumberOfEntries=2\nFile2=http://b.example/2\nFile1=http://a.example/1\nTitle1=A\n") << 200
-        << "http://a.example/1" << "";
+        << "http://a.example/1" << "" << "";
     QTest::newRow("m3u gives its first line") << "/radio.m3u" << QByteArray("\nhttp://a.example/live\nhttp://b.example/\n") << 200
-        << "http://a.example/live" << "";
+        << "http://a.example/live" << "" << "";
     QTest::newRow("extended m3u skips its comments") << "/radio.m3u8"
-        << QByteArray("#EXTM3U\r\n#EXTINF:-1,Station\r\nhttp://a.example/x.mp3\r\n") << 200 << "http://a.example/x.mp3" << "";
+        << QByteArray("#EXTM3U\r\n#EXTINF:-1,Station\r\nhttp://a.example/x.mp3\r\n") << 200 << "http://a.example/x.mp3" << "" << "";
     QTest::newRow("relative entry is resolved") << "/lists/radio.m3u" << QByteArray("stream/live.mp3\n") << 200
-        << "/lists/stream/live.mp3" << "";
+        << "/lists/stream/live.mp3" << "" << "";
     QTest::newRow("empty playlist") << "/empty.pls" << QByteArray("[playlist]\nNumberOfEntries=0\n") << 200 << ""
-        << "lists no stream";
-    QTest::newRow("missing playlist") << "/gone.m3u" << QByteArray("no") << 404 << "" << "cannot fetch playlist";
-    QTest::newRow("oversized playlist") << "/huge.m3u" << QByteArray(70 * 1024, 'x') << 200 << "" << "is larger than 65536 bytes";
-    QTest::newRow("not a playlist: no request") << "/song.mp3" << QByteArray() << -1 << "" << "";
+        << "lists no stream" << "";
+    QTest::newRow("missing playlist") << "/gone.m3u" << QByteArray("no") << 404 << "" << "cannot fetch playlist" << "";
+    QTest::newRow("oversized playlist") << "/huge.m3u" << QByteArray(70 * 1024, 'x') << 200 << "" << "is larger than 65536 bytes" << "";
+    QTest::newRow("not a playlist: no request") << "/song.mp3" << QByteArray() << -1 << "" << "" << "";
+    QTest::newRow("relative entry follows the redirect") << "/old/radio.m3u" << QByteArray("stream/live.mp3\n") << 200
+        << "/new/stream/live.mp3" << "" << "/new/radio.m3u";
+    QTest::newRow("hls playlist is left to the player") << "/live/index.m3u8"
+        << QByteArray("#EXTM3U\n#EXT-X-TARGETDURATION:10\n#EXTINF:10,\nsegment1.ts\n") << 200 << "" << "" << "";
+    QTest::newRow("file entry is refused") << "/local.m3u" << QByteArray("file:///etc/shadow\n") << 200 << ""
+        << "not http or https" << "";
 }
 
 void TestUrlResolver::answersOnce()
@@ -50,11 +58,17 @@ void TestUrlResolver::answersOnce()
     QFETCH(int, status);
     QFETCH(QString, resolved);
     QFETCH(QString, logged);
+    QFETCH(QString, movedTo);
     if (status > 0) {
         TestHttpResource resource;
         resource.body = body;
         resource.status = status;
-        mServer.setResource(path, resource);
+        mServer.setResource(movedTo.isEmpty() ? path : movedTo, resource);
+    }
+    if (!movedTo.isEmpty()) {
+        TestHttpResource moved;
+        moved.redirectTo = movedTo.toUtf8();
+        mServer.setResource(path, moved);
     }
     const QString requested = mServer.url(path).toString();
     const QString expected = resolved.isEmpty() ? requested : resolved.startsWith(QLatin1Char('/')) ? mServer.url(resolved).toString() : resolved;
