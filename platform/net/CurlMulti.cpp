@@ -33,7 +33,7 @@ CurlMulti::~CurlMulti()
 
 void CurlMulti::add(CURL* easy, Client* client)
 {
-    mClients.insert(easy, client);
+    mClients.insert(easy, Registration{client, mNextSerial++});
     curl_multi_add_handle(mMulti, easy);
 }
 
@@ -101,15 +101,18 @@ void CurlMulti::collectFinished()
             continue;
         CURL* easy = message->easy_handle;
         const CURLcode result = message->data.result;
-        QMetaObject::invokeMethod(this, [this, easy, result] { deliver(easy, result); }, Qt::QueuedConnection);
+        const quint64 serial = mClients.value(easy).serial;
+        QMetaObject::invokeMethod(this, [this, easy, serial, result] { deliver(easy, serial, result); }, Qt::QueuedConnection);
     }
 }
 
-void CurlMulti::deliver(CURL* easy, CURLcode result)
+void CurlMulti::deliver(CURL* easy, quint64 serial, CURLcode result)
 {
-    Client* client = mClients.take(easy);
-    if (!client)
-        return;   // removed (aborted) meanwhile
+    const auto registration = mClients.constFind(easy);
+    if (registration == mClients.cend() || registration->serial != serial)
+        return;   // removed meanwhile, perhaps with a new transfer at the same address since
+    Client* client = registration->client;
+    mClients.erase(registration);
     curl_multi_remove_handle(mMulti, easy);
     client->transferFinished(result);
 }

@@ -12,7 +12,10 @@ class QTimer;
 // watched with QSocketNotifiers and its timer is one QTimer, so downloads never block the
 // loop (name resolution runs in curl's threaded resolver). Finished transfers are collected
 // after curl returns and handed to their owners on a later turn of the loop, so no owner ever
-// re-enters curl from inside one of curl's callbacks.
+// re-enters curl from inside one of curl's callbacks. Each add() is a new registration with its
+// own serial number, and a queued delivery names the serial, not the easy handle: an owner
+// that deletes its handle and makes a new one before the delivery runs usually gets the same
+// address back from the allocator, and must not hear the old transfer's end.
 //
 // Thread: main thread only (created there on first use). Owns the multi handle and the
 // notifiers; not the easy handles, which belong to their NetDownloaders.
@@ -44,11 +47,18 @@ private:
     void watch(curl_socket_t socket, int what);
     void act(curl_socket_t socket, int events);
     void collectFinished();
-    void deliver(CURL* easy, CURLcode result);
+    void deliver(CURL* easy, quint64 serial, CURLcode result);
+
+    struct Registration
+    {
+        Client* client = nullptr;
+        quint64 serial = 0;   // 0 is never given out
+    };
 
     CURLM* mMulti;
     QTimer* mTimer;
     QHash<curl_socket_t, QSocketNotifier*> mReaders;
     QHash<curl_socket_t, QSocketNotifier*> mWriters;
-    QHash<CURL*, Client*> mClients;
+    QHash<CURL*, Registration> mClients;
+    quint64 mNextSerial = 1;
 };

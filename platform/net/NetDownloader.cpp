@@ -4,7 +4,10 @@
 #include "platform/datavalue/ConnectionUsageDataValue.h"
 #include "platform/log/LogLine.h"
 
+#include <QPointer>
 #include <QUrl>
+
+#include <utility>
 
 namespace {
 
@@ -17,6 +20,9 @@ NetStats::ConnectionUsageDataValue* sNetStats = nullptr;   // main thread only
 // A redirect loop ends here instead of forever.
 constexpr long kMaxRedirects = 10;
 constexpr long kConnectTimeoutSeconds = 15;
+// Media comes over the web only: a playlist entry or a redirect must not make the server read
+// local files (file://) or talk to other kinds of services.
+constexpr const char* kAllowedProtocols = "http,https";
 
 } // namespace
 
@@ -72,6 +78,8 @@ bool NetDownloader::configure(const QByteArray& postData, bool headOnly)
     const QByteArray url = mEncodedUrl ? mUrl.toUtf8() : QUrl(mUrl).toEncoded();
     curl_easy_reset(mEasy);
     curl_easy_setopt(mEasy, CURLOPT_URL, url.constData());
+    curl_easy_setopt(mEasy, CURLOPT_PROTOCOLS_STR, kAllowedProtocols);
+    curl_easy_setopt(mEasy, CURLOPT_REDIR_PROTOCOLS_STR, kAllowedProtocols);
     curl_easy_setopt(mEasy, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(mEasy, CURLOPT_MAXREDIRS, kMaxRedirects);
     curl_easy_setopt(mEasy, CURLOPT_FAILONERROR, 1L);
@@ -121,19 +129,51 @@ bool NetDownloader::startDownload(const QByteArray& postData, bool headOnly)
     mStatusCode = 0;
     mError.clear();
     mPending.clear();
-    mPaused = false;
+    mPausedForDelivery = false;
     mRunning = true;
+    mTransferring = true;
     CurlMulti::instance()->add(mEasy, this);
     return true;
 }
 
 void NetDownloader::abort()
 {
-    if (!mRunning)
+    if (!mRunning || mAborted)
         return;
     CurlMulti::instance()->remove(mEasy);
+    mTransferring = false;
+    mAborted = true;
+    mPausedByConsumer = false;
+    mPending.clear();
     mError = QStringLiteral("aborted");
     QMetaObject::invokeMethod(this, [this] { finish(Aborted); }, Qt::QueuedConnection);
+}
+
+void NetDownloader::pause()
+{
+    if (!mRunning || mAborted || mPausedByConsumer)
+        return;
+    mPausedByConsumer = true;
+    if (mTransferring)
+        curl_easy_pause(mEasy, CURLPAUSE_RECV);
+}
+
+// Our own pause, if on, stays until the held bytes are delivered: it lifts in deliverPending().
+void NetDownloader::resume()
+{
+    if (!mPausedByConsumer)
+        return;
+    mPausedByConsumer = false;
+    if (mTransferring && !mPausedForDelivery)
+        continueTransfer();
+    scheduleDelivery();
+}
+
+// May call bodyChunk() at once with bytes curl held while paused.
+void NetDownloader::continueTransfer()
+{
+    curl_easy_pause(mEasy, CURLPAUSE_CONT);
+    CurlMulti::instance()->kick();
 }
 
 bool NetDownloader::hasResponseHeader(const QByteArray& name) const
@@ -194,36 +234,57 @@ size_t NetDownloader::onBody(char* data, size_t size, size_t count, void* self)
 }
 
 // Called by curl: the chunk waits for the next loop turn; past the limit curl keeps it and
-// pauses until the waiting bytes are delivered.
+// pauses until the waiting bytes are delivered. A consumer's pause normally stops curl before
+// it gets here; a transfer restarted meanwhile (the TLS retry) is paused at its first chunk.
 size_t NetDownloader::bodyChunk(const char* data, size_t size)
 {
+    if (mPausedByConsumer)
+        return CURL_WRITEFUNC_PAUSE;
     if (mPending.size() + qint64(size) > kMaxPendingBytes && !mPending.isEmpty()) {
-        mPaused = true;
+        mPausedForDelivery = true;
         return CURL_WRITEFUNC_PAUSE;
     }
     mPending.append(data, int(size));
-    if (!mDeliveryQueued) {
-        mDeliveryQueued = true;
-        QMetaObject::invokeMethod(this, &NetDownloader::deliverPending, Qt::QueuedConnection);
-    }
+    scheduleDelivery();
     return size;
 }
 
+void NetDownloader::scheduleDelivery()
+{
+    if (mDeliveryQueued)
+        return;
+    mDeliveryQueued = true;
+    QMetaObject::invokeMethod(this, &NetDownloader::deliverPending, Qt::QueuedConnection);
+}
+
+// The receiver may delete this downloader (or restart it) from its slot, so nothing of this
+// object is touched after an emit unless it still exists.
 void NetDownloader::deliverPending()
 {
     mDeliveryQueued = false;
-    if (mPending.isEmpty())
+    if (mPausedByConsumer || mAborted)
         return;
-    const QByteArray chunk = mPending;
-    mPending.clear();
-    if (sNetStats)
-        sNetStats->addTraffic(mCategory, quint64(chunk.size()), 0);
-    if (mPaused && mRunning) {
-        mPaused = false;
-        curl_easy_pause(mEasy, CURLPAUSE_CONT);
-        CurlMulti::instance()->kick();
+    if (!mPending.isEmpty()) {
+        const QByteArray chunk = std::exchange(mPending, QByteArray());
+        if (sNetStats)
+            sNetStats->addTraffic(mCategory, quint64(chunk.size()), 0);
+        if (mPausedForDelivery && mTransferring) {
+            mPausedForDelivery = false;
+            continueTransfer();
+        }
+        const QPointer<NetDownloader> alive(this);
+        emit dataAvailable(chunk);
+        if (!alive)
+            return;
     }
-    emit dataAvailable(chunk);
+    maybeEnd();
+}
+
+// A finished transfer is reported once every byte before it has been delivered.
+void NetDownloader::maybeEnd()
+{
+    if (mRunning && !mTransferring && !mAborted && !mPausedByConsumer && mPending.isEmpty())
+        finish(mEndStatus);
 }
 
 NetDownloader::Status NetDownloader::statusFor(CURLcode result) const
@@ -269,8 +330,9 @@ void NetDownloader::transferFinished(CURLcode result)
         mError = QString::fromUtf8(curl_easy_strerror(result));
     if (maybeRetryWithOldTls(result))
         return;
+    mTransferring = false;
+    mEndStatus = statusFor(result);
     deliverPending();
-    finish(statusFor(result));
 }
 
 void NetDownloader::finish(Status status)
@@ -278,5 +340,7 @@ void NetDownloader::finish(Status status)
     if (!mRunning)
         return;
     mRunning = false;
+    mAborted = false;
+    mPausedByConsumer = false;
     emit downloadComplete(this, status);
 }

@@ -20,8 +20,22 @@ class ConnectionUsageDataValue;
 // accepted as 200 with their icy-* headers readable. Bytes are counted into the process's
 // connection-usage value under the download's category.
 //
+// Only http and https are fetched, also after redirects; any other scheme ends the download
+// with NetworkError and "Unsupported protocol".
+//
 // Memory: at most kMaxPendingBytes wait for delivery; beyond that the transfer is paused (no
 // CPU spent) until the chunk has been delivered.
+//
+// Back-pressure: a consumer that cannot keep up (a slow disk) calls pause(). Until resume(),
+// nothing is emitted (neither data nor the end) and curl reads nothing more from the socket, so
+// the server is held back by TCP; curl's own pause costs no CPU, and libcurl skips its
+// low-speed check on a paused transfer, so a pause longer than the stall time-out does not end
+// the download. resume() delivers what was held on a later loop turn and reads on. The
+// downloader's own pause above never lifts the consumer's. pause() and resume() outside a
+// running download do nothing.
+//
+// abort(): after it returns nothing more is delivered (bytes not yet delivered are dropped, a
+// pause is forgotten), and downloadComplete(Aborted) follows once, on a later loop turn.
 //
 // Thread: main thread only. Owns its curl handle. Failure: never throws; the end is reported
 // once with a Status, statusCode() and errorString().
@@ -50,6 +64,10 @@ public:
     bool startDownload(const QByteArray& postData = QByteArray(), bool headOnly = false);
     // Ends the download at once; downloadComplete(Aborted) follows on the next loop turn.
     void abort();
+    // Holds back delivery and reading until resume(); see the back-pressure note above.
+    void pause();
+    void resume();
+    bool isPaused() const { return mPausedByConsumer; }
 
     bool hasResponseHeader(const QByteArray& name) const;
     QByteArray responseHeader(const QByteArray& name) const;
@@ -69,7 +87,10 @@ private:
     void headerLine(const QByteArray& line);
     void headersComplete();
     size_t bodyChunk(const char* data, size_t size);
+    void scheduleDelivery();
     void deliverPending();
+    void maybeEnd();
+    void continueTransfer();
     void transferFinished(CURLcode result) override;
     Status statusFor(CURLcode result) const;
     bool configure(const QByteArray& postData, bool headOnly);
@@ -97,7 +118,11 @@ private:
     int mStatusCode = 0;
     QByteArray mPending;        // body bytes waiting for delivery
     bool mDeliveryQueued = false;
-    bool mPaused = false;
-    bool mRunning = false;
+    bool mPausedForDelivery = false;   // curl paused because mPending is full
+    bool mPausedByConsumer = false;    // pause() without resume() yet
+    bool mRunning = false;             // from startDownload() until downloadComplete()
+    bool mTransferring = false;        // registered with CurlMulti: curl works on it
+    bool mAborted = false;             // abort() called; downloadComplete(Aborted) is queued
+    Status mEndStatus = Success;       // of a finished transfer, reported after the held bytes
     QString mError;
 };

@@ -1,6 +1,7 @@
 // Downloads against the loopback test server: whole and resumed bodies, the failures a radio
 // listener meets (error statuses, redirects and loops, stalls, drops, no such host, nobody
-// listening), old ICY status lines, byte counting, and a consumer slower than the network.
+// listening, schemes other than http and https), old ICY status lines, byte counting, a consumer
+// slower than the network, a consumer that pauses, aborts, and restarts that reuse addresses.
 
 #include "platform/datavalue/ConnectionUsageDataValue.h"
 #include "platform/config/ConfigStore.h"
@@ -8,8 +9,9 @@
 #include "tests/support/LogCapture.h"
 #include "tests/support/TestHttpServer.h"
 
-#include <QScopeGuard>
 #include <QtTest>
+
+#include <memory>
 
 namespace {
 
@@ -51,6 +53,41 @@ Result download(NetDownloader& downloader, int stallSeconds = 30)
     return result;
 }
 
+// A TestHttpServer serving one body at "/whole" from its own thread, so that it keeps sending
+// while the test's thread is busy in a slot.
+class ServerThread
+{
+public:
+    explicit ServerThread(const QByteArray& body)
+        : mServer(new TestHttpServer)
+    {
+        TestHttpResource whole;
+        whole.body = body;
+        mServer->setResource(QStringLiteral("/whole"), whole);
+        mServer->moveToThread(&mThread);
+        mThread.start();
+        QMetaObject::invokeMethod(mServer, [this] { mListening = mServer->start(); }, Qt::BlockingQueuedConnection);
+    }
+
+    ~ServerThread()
+    {
+        // Its sockets' pending deletions run first, then the server goes, on its own thread.
+        TestHttpServer* server = mServer;
+        QMetaObject::invokeMethod(server, [server] { QCoreApplication::sendPostedEvents(); delete server; },
+                                  Qt::BlockingQueuedConnection);
+        mThread.quit();
+        mThread.wait();
+    }
+
+    bool listening() const { return mListening; }
+    QString url() const { return mServer->url(QStringLiteral("/whole")).toString(); }
+
+private:
+    QThread mThread;
+    TestHttpServer* mServer;
+    bool mListening = false;
+};
+
 } // namespace
 
 class TestNetDownloader : public QObject
@@ -67,6 +104,12 @@ private slots:
     void bytesAreCountedByCategory();
     void strictTlsRefusesToSkipVerification();
     void slowConsumerKeepsMemoryBounded();
+    void restartInsideDataAvailableHearsOnlyItsOwnEnd();
+    void abortDeliversNothingMore_data();
+    void abortDeliversNothingMore();
+    void consumerPauseHoldsTheNetwork_data();
+    void consumerPauseHoldsTheNetwork();
+    void pauseOutsideADownloadIsHarmless();
 
 private:
     TestHttpServer mServer;
@@ -100,6 +143,9 @@ void TestNetDownloader::initTestCase()
     TestHttpResource hop;
     hop.redirectTo = "/whole";
     mServer.setResource(QStringLiteral("/hop"), hop);
+    TestHttpResource toFtp;
+    toFtp.redirectTo = "ftp://127.0.0.1:9/x";
+    mServer.setResource(QStringLiteral("/toftp"), toFtp);
 }
 
 void TestNetDownloader::endsWithItsStatus_data()
@@ -118,6 +164,8 @@ void TestNetDownloader::endsWithItsStatus_data()
     QTest::newRow("dropped connection") << base + "drop" << int(NetDownloader::NetworkError) << 200 << "Transferred a partial file";
     QTest::newRow("no such host") << "http://nonexistent-host.invalid/x" << int(NetDownloader::NetworkError) << 0 << "Couldn't resolve host name";
     QTest::newRow("nobody listening") << "http://127.0.0.1:9/x" << int(NetDownloader::NetworkError) << 0 << "Couldn't connect to server";
+    QTest::newRow("file scheme is refused") << "file:///etc/hostname" << int(NetDownloader::NetworkError) << 0 << "Unsupported protocol";
+    QTest::newRow("redirect to ftp is refused") << base + "toftp" << int(NetDownloader::NetworkError) << 302 << "Unsupported protocol";
 }
 
 void TestNetDownloader::endsWithItsStatus()
@@ -217,29 +265,141 @@ void TestNetDownloader::strictTlsRefusesToSkipVerification()
 // as it can; the downloader pauses the transfer instead of piling up what arrives meanwhile.
 void TestNetDownloader::slowConsumerKeepsMemoryBounded()
 {
-    QThread serverThread;
-    auto* fastServer = new TestHttpServer;
-    TestHttpResource whole;
-    whole.body = mBody;
-    fastServer->setResource(QStringLiteral("/whole"), whole);
-    fastServer->moveToThread(&serverThread);
-    serverThread.start();
-    const auto stopServer = qScopeGuard([&] {
-        // Its sockets' pending deletions run first, then the server goes, on its own thread.
-        QMetaObject::invokeMethod(fastServer, [fastServer] { QCoreApplication::sendPostedEvents(); delete fastServer; },
-                                  Qt::BlockingQueuedConnection);
-        serverThread.quit();
-        serverThread.wait();
-    });
-    bool listening = false;
-    QMetaObject::invokeMethod(fastServer, [&] { listening = fastServer->start(); }, Qt::BlockingQueuedConnection);
-    QVERIFY(listening);
-    NetDownloader downloader(0, fastServer->url(QStringLiteral("/whole")).toString(), true);
+    ServerThread fast(mBody);
+    QVERIFY(fast.listening());
+    NetDownloader downloader(0, fast.url(), true);
     connect(&downloader, &NetDownloader::dataAvailable, this, [] { QThread::msleep(20); });
     const Result result = download(downloader);
     QCOMPARE(result.status, NetDownloader::Success);
     QVERIFY(result.body == mBody);
     QVERIFY2(result.largestChunk <= 1024 * 1024 + 256 * 1024, qPrintable(QString::number(result.largestChunk)));
+}
+
+// A stream buffer restarts inside dataAvailable on every retry: the old downloader goes and a
+// new one, very likely at the same address, starts before the old transfer's end is handed out.
+void TestNetDownloader::restartInsideDataAvailableHearsOnlyItsOwnEnd()
+{
+    TestHttpResource small;
+    small.body = pattern(100);
+    mServer.setResource(QStringLiteral("/small"), small);
+    TestHttpResource silent = small;
+    silent.stallAfter = 0;
+    mServer.setResource(QStringLiteral("/silent"), silent);
+    std::unique_ptr<NetDownloader> second;
+    std::unique_ptr<QSignalSpy> secondHeaders, secondDone;
+    auto first = std::make_unique<NetDownloader>(0, mServer.url(QStringLiteral("/small")).toString(), true);
+    connect(first.get(), &NetDownloader::dataAvailable, this, [&] {
+        first.reset();
+        second = std::make_unique<NetDownloader>(0, mServer.url(QStringLiteral("/silent")).toString(), true);
+        secondHeaders = std::make_unique<QSignalSpy>(second.get(), &NetDownloader::metaDataChanged);
+        secondDone = std::make_unique<QSignalSpy>(second.get(), &NetDownloader::downloadComplete);
+        second->startDownload();
+    });
+    first->startDownload();
+    QTRY_VERIFY_WITH_TIMEOUT(secondHeaders && (secondHeaders->size() > 0 || secondDone->size() > 0), 10000);
+    QCOMPARE(secondDone->size(), 0);
+}
+
+void TestNetDownloader::abortDeliversNothingMore_data()
+{
+    QTest::addColumn<bool>("pauseFirst");
+    QTest::newRow("abort drops the bytes read while the consumer was busy") << false;
+    QTest::newRow("abort while paused drops the held bytes; resume brings nothing") << true;
+}
+
+// A busy consumer lets curl fill the pending bytes and pause; the third chunk's delivery lets
+// curl hand over what it held, so bytes are waiting when the consumer aborts.
+void TestNetDownloader::abortDeliversNothingMore()
+{
+    QFETCH(bool, pauseFirst);
+    ServerThread fast(mBody);
+    QVERIFY(fast.listening());
+    NetDownloader downloader(0, fast.url(), true);
+    int chunks = 0;
+    int chunksAfterAbort = 0;
+    bool aborted = false;
+    auto abort = [&] {
+        aborted = true;
+        downloader.abort();
+        downloader.resume();
+    };
+    connect(&downloader, &NetDownloader::dataAvailable, this, [&] {
+        chunksAfterAbort += aborted;
+        QThread::msleep(20);
+        if (++chunks != 3)
+            return;
+        if (!pauseFirst)
+            return abort();
+        downloader.pause();
+        QMetaObject::invokeMethod(this, abort, Qt::QueuedConnection);
+    });
+    QSignalSpy done(&downloader, &NetDownloader::downloadComplete);
+    downloader.startDownload();
+    QVERIFY(done.wait(10000));
+    QCoreApplication::processEvents();
+    QCOMPARE(done.size(), 1);
+    QCOMPARE(done.first().at(1).value<NetDownloader::Status>(), NetDownloader::Aborted);
+    QCOMPARE(chunksAfterAbort, 0);
+}
+
+void TestNetDownloader::consumerPauseHoldsTheNetwork_data()
+{
+    QTest::addColumn<bool>("onHeaders");
+    QTest::newRow("paused on the headers, with body bytes already waiting") << true;
+    QTest::newRow("paused on the first chunk") << false;
+}
+
+// A consumer whose disk falls behind pauses the download for longer than its stall time-out:
+// nothing is delivered, the network is read no further than socket buffers and the pending
+// limit allow, the download does not end; resume() then brings the whole body unchanged.
+void TestNetDownloader::consumerPauseHoldsTheNetwork()
+{
+    QFETCH(bool, onHeaders);
+    static const QByteArray big = pattern(24 * 1024 * 1024);
+    TestHttpResource resource;
+    resource.body = big;
+    mServer.setResource(QStringLiteral("/big"), resource);
+    const qint64 sentBefore = mServer.bytesSent(QStringLiteral("/big"));
+    NetDownloader downloader(0, mServer.url(QStringLiteral("/big")).toString(), true);
+    downloader.setStallTimeout(1);
+    QByteArray body;
+    int chunksWhilePaused = 0;
+    connect(&downloader, &NetDownloader::dataAvailable, this, [&](const QByteArray& chunk) {
+        body += chunk;
+        chunksWhilePaused += downloader.isPaused();
+        if (!onHeaders && body.size() == chunk.size())
+            downloader.pause();
+    });
+    if (onHeaders)
+        connect(&downloader, &NetDownloader::metaDataChanged, &downloader, &NetDownloader::pause);
+    QSignalSpy done(&downloader, &NetDownloader::downloadComplete);
+    downloader.startDownload();
+    QTRY_VERIFY_WITH_TIMEOUT(downloader.isPaused(), 5000);
+    QVERIFY(!done.wait(3000));   // three times the stall time-out
+    QCOMPARE(chunksWhilePaused, 0);
+    const qint64 sentWhilePaused = mServer.bytesSent(QStringLiteral("/big")) - sentBefore;
+    QVERIFY2(sentWhilePaused < 12 * 1024 * 1024, qPrintable(QString::number(sentWhilePaused)));
+    downloader.resume();
+    QVERIFY(!downloader.isPaused());
+    QVERIFY(done.wait(20000));
+    QCOMPARE(done.first().at(1).value<NetDownloader::Status>(), NetDownloader::Success);
+    QVERIFY(body == big);
+}
+
+void TestNetDownloader::pauseOutsideADownloadIsHarmless()
+{
+    NetDownloader downloader(0, mServer.url(QStringLiteral("/whole")).toString(), true);
+    downloader.pause();
+    QVERIFY(!downloader.isPaused());
+    const Result result = download(downloader);
+    QCOMPARE(result.status, NetDownloader::Success);
+    QVERIFY(result.body == mBody);
+    QSignalSpy anything(&downloader, &NetDownloader::dataAvailable);
+    downloader.pause();
+    QVERIFY(!downloader.isPaused());
+    downloader.resume();
+    QCoreApplication::processEvents();
+    QCOMPARE(anything.size(), 0);
 }
 
 QTEST_GUILESS_MAIN(TestNetDownloader)
