@@ -4,9 +4,12 @@
 #include <QString>
 
 // The writer-thread half of ThreadedIncrementalFileWriter: owns the file descriptor and the
-// write position, and reports every operation. A chunk that cannot be written completely is
-// reported as failed and the position goes back to where the chunk began, so the bytes
-// reported written are exactly the bytes in the file.
+// write position, and reports every operation.
+//
+// A chunk is all or nothing: one that cannot be written completely (full disk, file size limit,
+// I/O error) is reported as failed, the position stays where the chunk began, and any bytes it
+// added past the file's previous end are cut off again. So the file holds exactly the bytes
+// reported written, and a caller that retries or gives up never finds a torn tail.
 //
 // Thread: FileWriterThread; every slot runs there, in the order it was asked for.
 class IncrementalFileWorker : public QObject
@@ -28,9 +31,16 @@ signals:
 private:
     bool ensureOpen();
     QString failure(const char* what) const;
+    // Writes the whole chunk at the position; on failure *error says why.
+    bool writeChunk(const QByteArray& data, QString* error);
+    // Removes what a failed chunk left past the old end of the file.
+    void cutBackTo(qint64 size, QString* error);
+    void reserve(qint64 size, QString* error);
+    void cutAndRelease(qint64 size, qint64 allocatedBytes, QString* error);
 
     const QString mPath;
     int mFd = -1;
     qint64 mPosition = -1;   // -1 until the file is open: then its end
+    qint64 mSize = -1;       // the file's length as this worker left it; -1 until open
     QString mOpenError;
 };

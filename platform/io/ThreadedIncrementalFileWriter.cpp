@@ -9,7 +9,7 @@ ThreadedIncrementalFileWriter::ThreadedIncrementalFileWriter(const QString& path
     , mWorker(new IncrementalFileWorker(path))
 {
     mWorker->moveToThread(FileWriterThread::thread());
-    connect(mWorker, &IncrementalFileWorker::written, this, &ThreadedIncrementalFileWriter::dataWritten);
+    connect(mWorker, &IncrementalFileWorker::written, this, &ThreadedIncrementalFileWriter::onWritten);
     connect(mWorker, &IncrementalFileWorker::resized, this, &ThreadedIncrementalFileWriter::resized);
 }
 
@@ -20,8 +20,26 @@ ThreadedIncrementalFileWriter::~ThreadedIncrementalFileWriter()
 
 void ThreadedIncrementalFileWriter::write(const QByteArray& data)
 {
+    mPendingChunks.enqueue(data.size());
+    mBacklogBytes += data.size();
     IncrementalFileWorker* worker = mWorker;
     QMetaObject::invokeMethod(worker, [worker, data] { worker->write(data); }, Qt::QueuedConnection);
+    if (!mBacklogIsHigh && mBacklogBytes > kBacklogHighBytes) {
+        mBacklogIsHigh = true;
+        emit backlogHigh();
+    }
+}
+
+// Every write is reported exactly once and in order, so the oldest pending size is this one's.
+void ThreadedIncrementalFileWriter::onWritten(qint64 bytes, const QString& error)
+{
+    if (!mPendingChunks.isEmpty())
+        mBacklogBytes -= mPendingChunks.dequeue();
+    emit dataWritten(bytes, error);
+    if (mBacklogIsHigh && mBacklogBytes <= kBacklogLowBytes) {
+        mBacklogIsHigh = false;
+        emit backlogLow();
+    }
 }
 
 void ThreadedIncrementalFileWriter::seek(qint64 position)

@@ -3,13 +3,16 @@
 // unwritable places and a full disk are reported instead of crashing.
 
 #include "platform/io/FileUtils.h"
+#include "platform/io/FileWriterThread.h"
 #include "platform/io/ThreadedFileWriter.h"
 #include "platform/io/ThreadedIncrementalFileWriter.h"
 
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <csignal>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 namespace {
@@ -30,6 +33,41 @@ QStringList reports(QSignalSpy& spy, int count)
         texts.append(arguments.at(0).toString() + QLatin1Char(':') + arguments.at(1).toString());
     return texts;
 }
+
+// The sum of the bytes that reports said were written.
+qint64 reportedBytes(const QStringList& texts)
+{
+    qint64 sum = 0;
+    for (const QString& text : texts)
+        sum += qMax(0LL, text.section(QLatin1Char(':'), 0, 0).toLongLong());
+    return sum;
+}
+
+// Lowers the process's file size limit (writes past it fail with EFBIG instead of raising
+// SIGXFSZ) and restores it: a full disk that any user can have.
+class FileSizeLimit
+{
+public:
+    explicit FileSizeLimit(rlim_t bytes)
+    {
+        ::getrlimit(RLIMIT_FSIZE, &mSaved);
+        mSavedHandler = ::signal(SIGXFSZ, SIG_IGN);
+        struct rlimit limit = mSaved;
+        limit.rlim_cur = bytes;
+        mApplied = ::setrlimit(RLIMIT_FSIZE, &limit) == 0;
+    }
+    ~FileSizeLimit()
+    {
+        ::setrlimit(RLIMIT_FSIZE, &mSaved);
+        ::signal(SIGXFSZ, mSavedHandler);
+    }
+    bool applied() const { return mApplied; }
+
+private:
+    struct rlimit mSaved;
+    sighandler_t mSavedHandler;
+    bool mApplied = false;
+};
 
 // A 64 KiB tmpfs, when this machine lets the test mount one.
 class SmallFileSystem
@@ -64,6 +102,8 @@ private slots:
     void resizeReservesButNeverLengthens();
     void unwritablePlaceIsReported();
     void fullDiskIsReported();
+    void fileSizeLimitIsReportedAndNoPartialChunkStays();
+    void backlogRisesAndFallsWithTheWriterThread();
     void contentIsReplacedWhole();
     void filesOutsideTheKeepSetAreRemoved();
 
@@ -112,8 +152,14 @@ void TestFileWriters::resizeReservesButNeverLengthens()
     struct stat info;
     QCOMPARE(::stat(path.toLocal8Bit().constData(), &info), 0);
     QVERIFY2(qint64(info.st_blocks) * 512 >= 4 * 1024 * 1024, "the room was not reserved");
+    // Resizing to its own size gives the reservation back: a cache counting file sizes cannot
+    // see reserved blocks.
+    writer.resize(1000);
+    QCOMPARE(reports(resized, 2).last(), QStringLiteral("1000:"));
+    QCOMPARE(::stat(path.toLocal8Bit().constData(), &info), 0);
+    QVERIFY2(qint64(info.st_blocks) * 512 < 1024 * 1024, qPrintable(QString::number(qint64(info.st_blocks) * 512)));
     writer.resize(400);
-    QCOMPARE(reports(resized, 2).last(), QStringLiteral("400:"));
+    QCOMPARE(reports(resized, 3).last(), QStringLiteral("400:"));
     writer.write("end");
     QCOMPARE(reports(written, 2).last(), QStringLiteral("3:"));
     QCOMPARE(readAll(path), QByteArray(400, 'x') + "end");
@@ -152,15 +198,61 @@ void TestFileWriters::fullDiskIsReported()
         const QStringList texts = reports(written, 4);
         QCOMPARE(texts.first(), QStringLiteral("32768:"));
         QCOMPARE(texts.last(), QStringLiteral("-1:cannot write to %1: No space left on device").arg(path));
-        // A chunk that failed half-way may have left bytes behind; cutting the file to what was
-        // reported written leaves exactly those bytes.
-        qint64 reported = 0;
-        for (const QString& text : texts)
-            reported += qMax(0LL, text.section(QLatin1Char(':'), 0, 0).toLongLong());
-        writer.resize(reported);
-        QCOMPARE(reports(resized, 2).last(), QStringLiteral("%1:").arg(reported));
-        QCOMPARE(FileUtils::fileSize(path), reported);
+        QCOMPARE(FileUtils::fileSize(path), reportedBytes(texts));
     }
+}
+
+// Runs everywhere, unlike the tmpfs case: the file size limit fails writes as a full disk does.
+// The third chunk fails part-way; the file keeps exactly the bytes reported written.
+void TestFileWriters::fileSizeLimitIsReportedAndNoPartialChunkStays()
+{
+    const QString path = mDir.filePath(QStringLiteral("limited.bin"));
+    const int chunk = 48 * 1024;
+    ThreadedIncrementalFileWriter writer(path);
+    QSignalSpy written(&writer, &ThreadedIncrementalFileWriter::dataWritten);
+    {
+        FileSizeLimit limit(100 * 1024);
+        QVERIFY(limit.applied());
+        for (int i = 0; i < 3; ++i)
+            writer.write(QByteArray(chunk, char('a' + i)));
+        QCOMPARE(reports(written, 3), (QStringList{"49152:", "49152:", "-1:cannot write to " + path + ": File too large"}));
+    }
+    QCOMPARE(readAll(path), QByteArray(chunk, 'a') + QByteArray(chunk, 'b'));
+    writer.write("after");   // the position stayed where the failed chunk began
+    QCOMPARE(reports(written, 4).last(), QStringLiteral("5:"));
+    QCOMPARE(FileUtils::fileSize(path), qint64(2 * chunk + 5));
+}
+
+// A stalled disk makes the writer say so once, and say so again when it catches up. The writer
+// thread is held by a call that waits on a semaphore, as a slow write() would hold it.
+void TestFileWriters::backlogRisesAndFallsWithTheWriterThread()
+{
+    const QString path = mDir.filePath(QStringLiteral("backlog.bin"));
+    ThreadedIncrementalFileWriter writer(path);
+    QSignalSpy written(&writer, &ThreadedIncrementalFileWriter::dataWritten);
+    QSignalSpy high(&writer, &ThreadedIncrementalFileWriter::backlogHigh);
+    QSignalSpy low(&writer, &ThreadedIncrementalFileWriter::backlogLow);
+    QObject onWriterThread;
+    onWriterThread.moveToThread(FileWriterThread::thread());
+    QSemaphore release;
+    QMetaObject::invokeMethod(&onWriterThread, [&release] { release.acquire(); }, Qt::QueuedConnection);
+    const QByteArray mebibyte(1024 * 1024, 'm');
+    for (int i = 0; i < 4; ++i)
+        writer.write(mebibyte);
+    QCOMPARE(high.size(), 0);   // at the mark, not above it
+    writer.write("x");
+    writer.write(mebibyte);
+    QCOMPARE(high.size(), 1);
+    QCOMPARE(writer.backlogBytes(), 5 * 1024 * 1024 + 1);
+    qint64 backlogAtLow = -1;
+    connect(&writer, &ThreadedIncrementalFileWriter::backlogLow, this, [&] { backlogAtLow = writer.backlogBytes(); });
+    release.release();
+    QVERIFY(low.wait(5000));
+    QCOMPARE(backlogAtLow, 1024 * 1024);   // at the low mark, not only once all is written
+    QCOMPARE(reports(written, 6).size(), 6);
+    QCOMPARE(writer.backlogBytes(), 0);
+    QCOMPARE(high.size(), 1);
+    QCOMPARE(low.size(), 1);
 }
 
 void TestFileWriters::contentIsReplacedWhole()
