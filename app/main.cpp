@@ -9,6 +9,7 @@
 #include "platform/core/ProcessExit.h"
 #include "platform/core/RuntimeEnv.h"
 #include "platform/core/SignalHandlers.h"
+#include "platform/core/StandardStreams.h"
 #include "platform/core/TagTracer.h"
 #include "platform/datavalue/DataValueManager.h"
 #include "platform/log/LogLine.h"
@@ -92,6 +93,7 @@ int run(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    openMissingStandardStreams();
     CommandLine commandLine;
     switch (commandLine.parse(argc, argv)) {
     case CommandLine::Help:

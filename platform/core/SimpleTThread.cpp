@@ -9,6 +9,7 @@ SimpleTThread::SimpleTThread(const QString& name, bool stopAtShutdown, QObject* 
     : QThread(parent)
 {
     setObjectName(name);
+    mStopRequests.moveToThread(this);
     if (stopAtShutdown) {
         QPointer<SimpleTThread> self(this);
         Finalizer::instance()->add(QStringLiteral("stop thread ") + name, [self] {
@@ -25,7 +26,8 @@ SimpleTThread::~SimpleTThread()
 
 void SimpleTThread::stop()
 {
-    quit();
+    if (isRunning())
+        QMetaObject::invokeMethod(&mStopRequests, [this] { quit(); }, Qt::QueuedConnection);
     wait();
 }
 

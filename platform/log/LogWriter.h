@@ -1,45 +1,40 @@
 #pragma once
 
-#include <condition_variable>
-#include <deque>
-#include <mutex>
+#include <chrono>
+#include <memory>
 #include <string>
 #include <thread>
 
 // Writes finished log lines to a file descriptor (stderr) from a thread of its own, so that a
 // caller never waits on a pipe that its reader has stopped draining.
 //
-// Thread: enqueue() from any thread; the writer thread is owned and joined by the destructor,
-// which first writes what is queued. Guarded by mLock: mQueue, mQueuedBytes, mDropped,
-// mStopping, mBusy. When more than kMaxQueuedBytes wait, new lines are dropped and counted; the
-// next line written says how many were lost.
+// When more than kMaxQueuedBytes wait, new lines are dropped and counted; the next line written
+// is a WARN line, formatted like every other, saying how many were lost.
+//
+// Thread: enqueue() and flush() from any thread. The writer thread shares the queue (its lock
+// guards the lines, the byte and drop counts and the stop request) and may outlive this object:
+// a reader that never drains leaves it blocked in write() for good, so neither flush() nor the
+// destructor waits for it longer than their deadline. The destructor joins a writer that
+// finished and leaves a stuck one behind, which then ends with the process.
 class LogWriter
 {
 public:
     explicit LogWriter(int fd);
     ~LogWriter();
+    LogWriter(const LogWriter&) = delete;
+    LogWriter& operator=(const LogWriter&) = delete;
 
     void enqueue(std::string line);
-    // Blocks until every line queued before the call has been written.
-    void flush();
+    // Waits until every line queued before the call has been written, or until the deadline;
+    // false when the deadline came first.
+    bool flush(std::chrono::milliseconds deadline);
+
+    // How long the destructor lets the writer finish what is queued: a blocked reader must not
+    // hold up the process's exit (a service manager stops waiting after a few seconds).
+    static constexpr std::chrono::milliseconds kStopDeadline{500};
 
 private:
-    void run();
-    bool takeBatch(std::deque<std::string>* batch, size_t* dropped);
-    void writeAll(const std::string& text);
-
-    // A stalled reader costs at most this much memory; a megabyte holds thousands of lines,
-    // far more than a burst of logging produces while the reader is merely slow.
-    static constexpr size_t kMaxQueuedBytes = 1024 * 1024;
-
-    const int mFd;
-    std::mutex mLock;
-    std::condition_variable mWake;
-    std::condition_variable mDrained;
-    std::deque<std::string> mQueue;
-    size_t mQueuedBytes = 0;
-    size_t mDropped = 0;
-    bool mStopping = false;
-    bool mBusy = false;
+    class Queue;
+    std::shared_ptr<Queue> mQueue;
     std::thread mThread;
 };

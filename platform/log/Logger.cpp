@@ -1,14 +1,16 @@
 #include "platform/log/Logger.h"
 
+#include "platform/log/LogFormat.h"
 #include "platform/log/LogObserver.h"
 #include "platform/log/LogWriter.h"
 
-#include <QDateTime>
 #include <QMutex>
 #include <QVector>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -31,6 +33,22 @@ LogWriter* writer()
     return sWriterGone ? nullptr : &holder.writer;
 }
 
+// A line may wait this long for the writer before exit goes on without it: shutdown flushes
+// twice (after the finalisers and at exit), and the process must end within a couple of seconds
+// of SIGTERM even when nobody reads stderr.
+constexpr std::chrono::milliseconds kFlushDeadline{500};
+
+// Late lines (logged after the writer is gone) are written directly, but only when stderr can
+// take them now: a full pipe must not stop the process from ending.
+void writeIfReady(const std::string& line)
+{
+    pollfd ready{STDERR_FILENO, POLLOUT, 0};
+    if (::poll(&ready, 1, 0) == 1 && (ready.revents & POLLOUT)) {
+        ssize_t ignored = ::write(STDERR_FILENO, line.data(), line.size());
+        (void)ignored;
+    }
+}
+
 QMutex& observerLock()
 {
     static QMutex lock;
@@ -41,22 +59,6 @@ QVector<LogObserver*>& observers()   // guarded by observerLock()
 {
     static QVector<LogObserver*> list;
     return list;
-}
-
-const char* journalPrefix(LogRecord::Level level)
-{
-    switch (level) {
-    case LogRecord::Info: return "<6>";
-    case LogRecord::Warn: return "<4>";
-    case LogRecord::Error: return "<3>";
-    }
-    return "<3>";
-}
-
-bool underJournal()
-{
-    static const bool journal = qEnvironmentVariableIsSet("JOURNAL_STREAM");
-    return journal;
 }
 
 LogRecord::Level levelForQtType(QtMsgType type)
@@ -138,7 +140,7 @@ void Logger::removeObserver(LogObserver* observer)
 void Logger::flush()
 {
     if (LogWriter* w = writer())
-        w->flush();
+        w->flush(kFlushDeadline);
 }
 
 namespace {
@@ -168,24 +170,9 @@ void Logger::dispatch(const LogRecord& record)
         for (LogObserver* observer : observers())
             observer->logged(record);
     }
-    std::string line = formatLine(record).toStdString();
-    if (LogWriter* w = writer()) {
+    std::string line = LogFormat::line(record);
+    if (LogWriter* w = writer())
         w->enqueue(std::move(line));
-    } else {
-        ssize_t ignored = ::write(STDERR_FILENO, line.data(), line.size());
-        (void)ignored;
-    }
-}
-
-QString Logger::formatLine(const LogRecord& record)
-{
-    const QString start = underJournal()
-        ? QString::fromLatin1(journalPrefix(record.level))
-        : QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs) + QLatin1Char(' ');
-    // Some messages end in their own newline; a line still ends in exactly one.
-    QString text = record.text();
-    while (text.endsWith(QLatin1Char('\n')))
-        text.chop(1);
-    return start + QString::fromLatin1(LogRecord::levelName(record.level)) + QStringLiteral(" [")
-        + record.threadName + QStringLiteral("] ") + text + QLatin1Char('\n');
+    else
+        writeIfReady(line);
 }

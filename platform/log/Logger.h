@@ -10,6 +10,7 @@ class LogObserver;
 // The process log: one line per message on stderr, "<UTC time> <LEVEL> [<thread>] <text>".
 // Started by systemd (JOURNAL_STREAM set), a line starts with the journald priority prefix
 // (<6> INFO, <4> WARN, <3> ERROR) instead of the time, so that journalctl can filter by level.
+// Control characters in the pieces are escaped, so a message is always one line (LogFormat).
 //
 // Thread: every function may be called from any thread. Lines are handed to a writer thread,
 // so a caller never blocks on a stalled stderr reader. Observers (tests capturing texts) are
@@ -35,8 +36,9 @@ public:
     static void addObserver(LogObserver* observer);
     static void removeObserver(LogObserver* observer);
 
-    // Blocks until every line logged before the call is on stderr (used before exit and by
-    // tests that read the process's stderr).
+    // Blocks until every line logged before the call is on stderr, or for half a second at
+    // most: a reader that stopped draining stderr must not keep the process from exiting
+    // (used before exit and by tests that read the process's stderr).
     static void flush();
 
     // The name logging shows for the calling thread: the name given with
@@ -47,7 +49,6 @@ public:
 
 private:
     static void dispatch(const LogRecord& record);
-    static QString formatLine(const LogRecord& record);
 };
 
 // Logs a broken consistency rule with the condition's text; execution continues.

@@ -9,7 +9,10 @@
 #include <QtTest>
 
 #include <csignal>
+#include <fcntl.h>
+#include <functional>
 #include <memory>
+#include <unistd.h>
 
 namespace {
 
@@ -78,6 +81,28 @@ public:
         return err.split(QLatin1Char('\n'), Qt::SkipEmptyParts).replaceInStrings(prefix, QStringLiteral("\\1 "));
     }
 
+    // Starts the server serving its own bus with `arrangeStreams` run in the child before exec,
+    // and waits until SIGTERM would reach its handler. The log cannot tell: the test may have
+    // taken stderr away.
+    bool startWithStreams(const std::function<void()>& arrangeStreams)
+    {
+        if (busAddress().isEmpty())
+            return false;
+        process.setChildProcessModifier(arrangeStreams);
+        process.start(qEnvironmentVariable("CABIN_BIN_DIR") + QStringLiteral("/cabin-media-server"),
+                      {"--set", "service/bus=" + busAddress()});
+        const QDeadlineTimer deadline(20000);
+        while (!catchesSigterm() && !deadline.hasExpired() && process.state() != QProcess::NotRunning)
+            process.waitForFinished(50);
+        return catchesSigterm();
+    }
+
+    // What descriptor `fd` of the server refers to.
+    QString descriptorTarget(int fd) const
+    {
+        return QFile::symLinkTarget(QStringLiteral("/proc/%1/fd/%2").arg(process.processId()).arg(fd));
+    }
+
     QString busAddress()
     {
         if (!mBus)
@@ -89,6 +114,20 @@ public:
     QString out, err;
 
 private:
+    // Until exec, the child is a copy of the test, which catches SIGTERM too.
+    bool catchesSigterm() const
+    {
+        const QString proc = QStringLiteral("/proc/%1/").arg(process.processId());
+        if (process.processId() == 0 || !QFile::symLinkTarget(proc + QStringLiteral("exe")).endsWith(QLatin1String("/cabin-media-server")))
+            return false;
+        QFile status(proc + QStringLiteral("status"));
+        if (!status.open(QIODevice::ReadOnly))
+            return false;
+        static const QRegularExpression caught(QStringLiteral("^SigCgt:\\s*([0-9a-f]+)$"), QRegularExpression::MultilineOption);
+        const QRegularExpressionMatch match = caught.match(QString::fromLatin1(status.readAll()));
+        return match.hasMatch() && (match.captured(1).toULongLong(nullptr, 16) & (1ULL << (SIGTERM - 1)));
+    }
+
     QTemporaryDir mDir;
     std::unique_ptr<PrivateBus> mBus;
 };
@@ -250,6 +289,46 @@ private slots:
                                      "INFO readSignals(): received " + name + ", shutting down",
                                      "INFO shutDown(): event loop ended, shutting down",
                                      "INFO shutDown(): stopped"}));
+    }
+
+    // Whatever the launcher did with the standard streams, SIGTERM ends the process with 0 (a
+    // bound of ten seconds, not a timing: a stuck exit never ends), and closed streams are
+    // pointed at /dev/null before anything else can take their numbers.
+    void exitsOnSigtermWhateverTheStandardStreams_data()
+    {
+        QTest::addColumn<bool>("closed");   // else stderr is a full pipe that nobody reads
+        QTest::newRow("stderr a full pipe never read") << false;
+        QTest::newRow("standard streams closed") << true;
+    }
+    void exitsOnSigtermWhateverTheStandardStreams()
+    {
+        QFETCH(bool, closed);
+        int fds[2];
+        QCOMPARE(::pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
+        const QByteArray filler(4096, 'f');
+        while (::write(fds[1], filler.constData(), size_t(filler.size())) > 0) {
+        }
+        ::fcntl(fds[1], F_SETFL, 0);   // the server's writes must block, as on a real pipe
+        const int fullPipe = fds[1];
+        ServerRun run;
+        QVERIFY(run.startWithStreams([closed, fullPipe] {
+            if (!closed) {
+                ::dup2(fullPipe, STDERR_FILENO);
+                return;
+            }
+            for (int fd = 0; fd <= 2; ++fd)
+                ::close(fd);
+        }));
+        ::close(fds[1]);
+        if (closed) {
+            for (int fd = 0; fd <= 2; ++fd)
+                QCOMPARE(run.descriptorTarget(fd), QStringLiteral("/dev/null"));
+        }
+        QCOMPARE(::kill(pid_t(run.process.processId()), SIGTERM), 0);
+        QVERIFY(run.process.waitForFinished(10000));
+        QCOMPARE(run.process.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(run.process.exitCode(), 0);
+        ::close(fds[0]);
     }
 
     void cannotStartWithoutBusOrNameOrPolicy()

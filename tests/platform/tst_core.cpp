@@ -12,12 +12,15 @@
 #include "tests/support/LogCapture.h"
 #include "utils/Singleton.h"
 
+#include <QCryptographicHash>
 #include <QRegularExpression>
 #include <QTemporaryFile>
 #include <QTimer>
 #include <QtTest>
 
+#include <csignal>
 #include <fcntl.h>
+#include <functional>
 #include <pthread.h>
 #include <thread>
 #include <unistd.h>
@@ -28,6 +31,22 @@ QStringList sDestroyed;   // main thread only
 
 struct FirstSingleton { ~FirstSingleton() { sDestroyed.append(QStringLiteral("first")); } };
 struct SecondSingleton { ~SecondSingleton() { sDestroyed.append(QStringLiteral("second")); } };
+
+// What the logger writes to stderr while `logSomething` runs.
+QString stderrOf(const std::function<void()>& logSomething)
+{
+    QTemporaryFile file;
+    if (!file.open())
+        return QStringLiteral("cannot open a temporary file");
+    const int saved = ::dup(STDERR_FILENO);
+    ::dup2(file.handle(), STDERR_FILENO);
+    logSomething();
+    Logger::flush();
+    ::dup2(saved, STDERR_FILENO);
+    ::close(saved);
+    file.seek(0);
+    return QString::fromUtf8(file.readAll());
+}
 
 void logFromHere()
 {
@@ -43,19 +62,30 @@ private slots:
     // What reaches stderr: time, level, thread, function and the pieces as given.
     void lineHasTimeLevelThreadFunctionAndPieces()
     {
-        QTemporaryFile file;
-        QVERIFY(file.open());
-        const int saved = ::dup(STDERR_FILENO);
-        ::dup2(file.handle(), STDERR_FILENO);
-        logFromHere();
-        Logger::flush();
-        ::dup2(saved, STDERR_FILENO);
-        ::close(saved);
-        file.seek(0);
-        const QString written = QString::fromUtf8(file.readAll());
+        const QString written = stderrOf(logFromHere);
         static const QRegularExpression line(QStringLiteral(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z WARN \[main\] )"
                                                             R"(logFromHere\(\): pieces 42 2\.5 true bytes -9000000000\n$)"));
         QVERIFY2(line.match(written).hasMatch(), qPrintable(written));
+    }
+
+    // Text from outside (a stream title, a D-Bus argument) can never forge a line of its own.
+    void controlCharactersAreEscaped_data()
+    {
+        QTest::addColumn<QString>("message");
+        QTest::addColumn<QString>("logged");
+        QTest::newRow("newline with a forged prefix") << "title\n<3>ERROR [main] forged" << "title\\n<3>ERROR [main] forged";
+        QTest::newRow("carriage return and tab") << "a\rb\tc" << "a\\rb\\tc";
+        QTest::newRow("other controls as hex") << "\x1b[31mred\x7f" << "\\x1b[31mred\\x7f";
+        QTest::newRow("line separator") << QString(QChar(0x2028)) << "\\u2028";
+        QTest::newRow("trailing newline ends the line") << "done\n" << "done";
+    }
+    void controlCharactersAreEscaped()
+    {
+        QFETCH(QString, message);
+        QFETCH(QString, logged);
+        const QString written = stderrOf([&message] { LOG_INFO << message; });
+        QVERIFY2(written.endsWith(QStringLiteral("] operator()(): ") + logged + QLatin1Char('\n')), qPrintable(written));
+        QCOMPARE(written.count(QLatin1Char('\n')), 1);
     }
 
     // A failed assertion is logged as an error naming the source from the build tree, and the
@@ -115,6 +145,25 @@ private slots:
         QCOMPARE(log.records().at(1).threadName, QStringLiteral("gst-streaming"));
     }
 
+    // Shutdown must never lose work asked for before it: every call queued before stop() runs.
+    void stopRunsTheWorkAlreadyQueued()
+    {
+        SimpleTThread thread(QStringLiteral("Queue"));
+        QObject worker;
+        worker.moveToThread(&thread);
+        thread.start();
+        int ran = 0;   // written on the thread only, read after it ended
+        const int queued = 20000;
+        // Each call takes longer than queueing one, as a write to disk does, so the thread is
+        // far behind when stop() comes.
+        const QByteArray block(16 * 1024, 'b');
+        const auto work = [&ran, &block] { ran += !QCryptographicHash::hash(block, QCryptographicHash::Sha256).isEmpty(); };
+        for (int i = 0; i < queued; ++i)
+            QMetaObject::invokeMethod(&worker, work, Qt::QueuedConnection);
+        thread.stop();
+        QCOMPARE(ran, queued);
+    }
+
     void stalledReaderNeverBlocksTheLogger()
     {
         int fds[2];
@@ -134,14 +183,37 @@ private slots:
                     drained.append(buffer, int(n));
             });
             writer.enqueue("last line\n");
-            writer.flush();
+            QVERIFY(writer.flush(std::chrono::seconds(20)));   // the reader drains: no deadline is near
             ::close(fds[1]);
             reader.join();
         }
         ::close(fds[0]);
-        QVERIFY(drained.contains("log lines dropped: stderr is not being read"));
+        // The notice is a line like any other, with time, level, thread and function.
+        static const QRegularExpression notice(QStringLiteral(R"(\n\d{4}-\S+Z WARN \[LogWriter\] writeDroppedNotice\(\): )"
+                                                              R"(\d+ log lines dropped: stderr is not being read\n)"));
+        QVERIFY(notice.match(QString::fromUtf8(drained)).hasMatch());
         QVERIFY(drained.endsWith("last line\n"));
         QVERIFY(drained.size() < 5000 * 1001);
+    }
+
+    // A reader that never drains may cost lines, never the exit: flush and destruction give up.
+    void neverDrainedReaderDelaysNothingForLong()
+    {
+        ::signal(SIGPIPE, SIG_IGN);   // as the server does; the stuck writer ends on EPIPE below
+        int fds[2];
+        QCOMPARE(::pipe(fds), 0);
+        ::fcntl(fds[1], F_SETFL, O_NONBLOCK);
+        const QByteArray filler(4096, 'f');
+        while (::write(fds[1], filler.constData(), size_t(filler.size())) > 0) {
+        }
+        ::fcntl(fds[1], F_SETFL, 0);
+        {
+            LogWriter writer(fds[1]);
+            writer.enqueue("never read\n");
+            QVERIFY(!writer.flush(std::chrono::milliseconds(100)));
+        }   // with a writer that joins a stuck thread, the test hangs here
+        ::close(fds[0]);
+        ::close(fds[1]);
     }
 
     void finalizersRunNewestFirstAndOnce()
