@@ -112,28 +112,21 @@ bool toDouble(const QVariant& value, double* result)
     return asDouble(value, result);
 }
 
+// A number is refused: a switch that arrives as an int was sent with the wrong type, and
+// taking 0 and 1 would only hide that until the sender sends 2.
 bool toBool(const QVariant& value, bool* result)
 {
     if (value.userType() == QMetaType::Bool) {
         *result = value.toBool();
         return true;
     }
-    if (isText(value)) {
-        const QString text = value.toString().trimmed().toLower();
-        if (text == QLatin1String("true") || text == QLatin1String("1")) {
-            *result = true;
-            return true;
-        }
-        if (text == QLatin1String("false") || text == QLatin1String("0")) {
-            *result = false;
-            return true;
-        }
+    const QString text = isText(value) ? value.toString().trimmed().toLower() : QString();
+    if (text == QLatin1String("true") || text == QLatin1String("1"))
+        *result = true;
+    else if (text == QLatin1String("false") || text == QLatin1String("0"))
+        *result = false;
+    else
         return false;
-    }
-    int number = 0;
-    if (!toInt(value, &number) || (number != 0 && number != 1))
-        return false;
-    *result = number == 1;
     return true;
 }
 

@@ -14,7 +14,8 @@ namespace VariantConversion {
 bool toInt(const QVariant& value, int* result);
 bool toUInt64(const QVariant& value, quint64* result);
 bool toDouble(const QVariant& value, double* result);
-// Accepts booleans, the integers 0 and 1, and the texts "true"/"false"/"1"/"0".
+// Accepts booleans and the texts "true"/"false"/"1"/"0" (the initial values file is text);
+// refuses numbers.
 bool toBool(const QVariant& value, bool* result);
 // Accepts text only.
 bool toString(const QVariant& value, QString* result);

@@ -9,6 +9,11 @@ namespace DBusArguments {
 
 namespace {
 
+// Undeclared keys are only reported back as ignored, and a real caller adds a handful at most;
+// a request with more is refused before the rest is read, so thousands of keys cost neither
+// main-thread time nor memory.
+constexpr int kMaxUndeclaredArguments = 64;
+
 QString typeName(int type)
 {
     switch (type) {
@@ -47,14 +52,38 @@ bool takeValue(const QString& name, const QVariant& raw, QMetaType::Type type, Q
     return true;
 }
 
+const ServiceArgument* declaredArgument(const ServiceMethod& method, const QString& name)
+{
+    for (const ServiceArgument& argument : method.arguments)
+        if (argument.name == name)
+            return &argument;
+    return nullptr;
+}
+
+// Read entry by entry from the message, so that a refused map is never built in memory.
 bool fromNamedForm(const QDBusMessage& message, const ServiceMethod& method, QVariantMap* arguments, QString* error)
 {
-    const QVariantMap named = qdbus_cast<QVariantMap>(message.arguments().value(0));
-    for (auto it = named.constBegin(); it != named.constEnd(); ++it)
-        arguments->insert(it.key(), unwrap(it.value()));
-    for (const ServiceArgument& argument : method.arguments)
-        if (named.contains(argument.name) && !takeValue(argument.name, named.value(argument.name), argument.type, arguments, error))
+    const QDBusArgument named = message.arguments().value(0).value<QDBusArgument>();
+    int undeclared = 0;
+    named.beginMap();
+    while (!named.atEnd()) {
+        QString name;
+        QDBusVariant value;
+        named.beginMapEntry();
+        named >> name >> value;
+        named.endMapEntry();
+        const ServiceArgument* declared = declaredArgument(method, name);
+        if (declared) {
+            if (!takeValue(name, value.variant(), declared->type, arguments, error))
+                return false;
+        } else if (++undeclared > kMaxUndeclaredArguments) {
+            *error = QStringLiteral("more than %1 undeclared arguments for %2").arg(kMaxUndeclaredArguments).arg(method.name);
             return false;
+        } else {
+            arguments->insert(name, value.variant());
+        }
+    }
+    named.endMap();
     return true;
 }
 

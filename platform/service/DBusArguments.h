@@ -10,9 +10,12 @@
 // (`gdbus call ... .play 5000`), or one a{sv} map of named arguments
 // (`busctl call ... play 'a{sv}' 1 milliSecondsStartPos i 5000`). Positional arguments beyond
 // the declared ones are kept under the names "arg<N>" so the service reports them as ignored.
+// A map with more than a few dozen undeclared keys is refused whole (see
+// kMaxUndeclaredArguments).
 //
 // Thread: any (pure functions). Failure: false with a one-line reason naming the argument and
-// the expected type when a value has the wrong type.
+// the expected type when a value has the wrong type (a number with a fraction is no integer),
+// or saying how many undeclared arguments are too many.
 namespace DBusArguments {
 
 bool toNamedArguments(const QDBusMessage& message, const ServiceMethod& method, QVariantMap* arguments, QString* error);

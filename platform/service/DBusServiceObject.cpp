@@ -1,5 +1,6 @@
 #include "platform/service/DBusServiceObject.h"
 
+#include "platform/log/LogLine.h"
 #include "platform/service/DBusArguments.h"
 #include "platform/service/DBusInterfaceXml.h"
 #include "platform/service/DBusNames.h"
@@ -94,9 +95,16 @@ void DBusServiceObject::sendAnswer(ServiceCallContext* context)
         context->deleteLater();
 }
 
+// The service never answered: the caller is told so now rather than waiting out its own
+// time-out, which for a generic client is far longer than the method's.
 void DBusServiceObject::forgetUnanswered(ServiceCallContext* context)
 {
-    mPending.remove(context);
+    disconnect(context, nullptr, this, nullptr);   // a late answer has nobody to go to
+    const QString text = QStringLiteral("%1 gave no answer to %2 within %3 ms")
+                             .arg(mDBusInterface, context->method())
+                             .arg(context->ageMs());
+    LOG_WARN << text;
+    sendError(mPending.take(context), QLatin1String(DBusNames::noAnswerError()), text);
     context->deleteLater();
 }
 

@@ -16,7 +16,8 @@ struct ServiceMethod;
 //
 // Thread: main thread (QtDBus delivers messages there). Owns the server contexts it creates:
 // each is deleted after its answer is sent, or once twice the method's time-out has passed
-// without one (the caller has given up by then). Does not own the service.
+// without one; the caller then gets the error com.kelvramotors.Error.NoAnswer, so it does not
+// wait out its own, longer time-out. Does not own the service.
 class DBusServiceObject : public QDBusVirtualObject
 {
     Q_OBJECT

@@ -10,6 +10,7 @@
 #include "platform/service/ServiceManagerRegistrar.h"
 #include "utils/Singleton.h"
 
+#include <QCoreApplication>
 #include <QDBusConnectionInterface>
 #include <QMetaObject>
 
@@ -82,6 +83,7 @@ bool ServiceManager::start()
             LOG_ERROR << error;
         return false;
     }
+    watchForBusLoss();
     LOG_INFO << "serving " << mServers.size() << " services on " << busDescription();
     return true;
 }
@@ -141,6 +143,20 @@ bool ServiceManager::ownNames(QString* error)
         }
     }
     return true;
+}
+
+// A connection that is gone stays gone: QtDBus does not reconnect, so the process would live on
+// unreachable. libdbus reports the loss as this local signal.
+void ServiceManager::watchForBusLoss()
+{
+    mConnection.connect(QString(), QStringLiteral("/org/freedesktop/DBus/Local"), QStringLiteral("org.freedesktop.DBus.Local"),
+                        QStringLiteral("Disconnected"), this, SLOT(busDisconnected()));
+}
+
+void ServiceManager::busDisconnected()
+{
+    LOG_ERROR << "lost the connection to " << busDescription() << "; exiting so that the server can be started again";
+    QCoreApplication::exit(1);
 }
 
 ServiceInterface* ServiceManager::findServer(const QString& serviceName, const QString& interfaceName) const

@@ -20,7 +20,8 @@ class ConnectionUsageDataValue;
 //
 // Thread: main thread. Owns the service objects, the bus objects and the client. Failure:
 // start() returns false after logging one line that names the bus or the bus name and what to
-// do; nothing is served then.
+// do; nothing is served then. Losing the bus while serving is logged in one line and ends the
+// event loop with status 1, so that the service manager starts the server again.
 class ServiceManager : public QObject
 {
     Q_OBJECT
@@ -43,12 +44,16 @@ public:
     void setConnectionUsage(NetStats::ConnectionUsageDataValue* usage) { mConnectionUsage = usage; }
     NetStats::ConnectionUsageDataValue* connectionUsage() const { return mConnectionUsage; }
 
+private slots:
+    void busDisconnected();
+
 private:
     friend class ServiceManagerSingleton;
     ServiceManager() = default;
     bool createServers();
     bool exportObjects(QString* error);
     bool ownNames(QString* error);
+    void watchForBusLoss();
 
     QDBusConnection mConnection{QString()};
     QString mConnectionName;

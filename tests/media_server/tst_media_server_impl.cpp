@@ -1,7 +1,10 @@
 #include "media_server/MediaPlaybackMetadata.h"
 #include "media_server/MediaServer2Impl.h"
+#include "platform/service/DBusServiceObject.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/PrivateBus.h"
 
+#include <QDBusPendingCallWatcher>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSignalSpy>
@@ -235,6 +238,28 @@ private slots:
         QCOMPARE(server->error(), ServiceCallContext::NotImplemented);
         QCOMPARE(mLog->assertMessages(), (QStringList{"You must provide a context", "Do not reuse a context within a request",
                                                       "You probably didn't implement this method with identical signature"}));
+    }
+
+    // Served on a bus, a request the player never completes is answered with an error once
+    // twice its time-out has passed, so a caller does not wait out its own, longer one.
+    void unansweredRequestGetsAnErrorOnTheBus()
+    {
+        PrivateBus bus;
+        QVERIFY(bus.isRunning());
+        QDBusConnection server = QDBusConnection::connectToBus(bus.address(), "server");
+        QDBusConnection client = QDBusConnection::connectToBus(bus.address(), "client");
+        QVERIFY(server.registerVirtualObject("/MediaServer2", new DBusServiceObject(mImpl.get(), server, mImpl.get())));
+        QDBusMessage play = QDBusMessage::createMethodCall(server.baseService(), "/MediaServer2", "com.kelvramotors.MediaServer2", "play");
+        play.setArguments({5000});
+        QDBusPendingCallWatcher watcher(client.asyncCall(play, 60000));   // far beyond the 2 x 3000 ms
+        QSignalSpy finished(&watcher, &QDBusPendingCallWatcher::finished);
+        QVERIFY(finished.wait(30000));
+        QCOMPARE(mPlayer->calls, QStringList{"play(5000)"});
+        QCOMPARE(watcher.error().name(), QString("com.kelvramotors.Error.NoAnswer"));
+        QVERIFY2(watcher.error().message().contains("no answer to play"), qPrintable(watcher.error().message()));
+        server.unregisterObject("/MediaServer2");
+        QDBusConnection::disconnectFromBus("server");
+        QDBusConnection::disconnectFromBus("client");
     }
 
 private:

@@ -6,6 +6,8 @@
 #include <QtDBus>
 #include <QtTest>
 
+#include <memory>
+
 namespace {
 
 const QString kService = QStringLiteral("com.kelvramotors.MediaServer2");
@@ -43,17 +45,7 @@ private slots:
     void initTestCase()
     {
         QVERIFY(mBus.isRunning());
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("XDG_CONFIG_HOME", mHome.filePath("config"));
-        env.insert("XDG_CACHE_HOME", mHome.filePath("cache"));
-        mServer.setProcessEnvironment(env);
-        mServer.setReadChannel(QProcess::StandardError);
-        mServer.start(qEnvironmentVariable("CABIN_BIN_DIR", QCoreApplication::applicationDirPath()) + "/cabin-media-server",
-                      {"--set", "service/bus=" + mBus.address()});
-        const QDeadlineTimer deadline(15000);
-        while (!mLog.contains("run(): running") && mServer.waitForReadyRead(int(deadline.remainingTime())))
-            mLog += mServer.readAllStandardError();
-        QVERIFY2(mLog.contains("run(): running"), mLog.constData());
+        QVERIFY(startServer(mServer, mBus.address(), mHome));
         mConnection = QDBusConnection::connectToBus(mBus.address(), "test");
         QVERIFY2(mConnection.isConnected(), qPrintable(mConnection.lastError().message()));
         QVERIFY(mConnection.connect(kService, kValues, kValuesIf, "Changed", this, SLOT(recordChange(QDBusMessage))));
@@ -92,8 +84,19 @@ private slots:
             << kServer << kServerIf << "play" << QVariantList{"5000"} << none << kInvalidArgs << position;
         QTest::newRow("a named string position is InvalidArgs naming the argument")
             << kServer << kServerIf << "play" << QVariantList{QVariantMap{{position, "5000"}}} << none << kInvalidArgs << position;
+        QTest::newRow("a fractional position is InvalidArgs") << kServer << kServerIf << "play" << QVariantList{2.5} << none
+                                                               << kInvalidArgs << position;
+        QTest::newRow("a fractional named position is InvalidArgs")
+            << kServer << kServerIf << "play" << QVariantList{QVariantMap{{position, 2.5}}} << none << kInvalidArgs << position;
+        QVariantMap flood;
+        for (int i = 0; i < 1000; ++i)
+            flood.insert(QStringLiteral("undeclared%1").arg(i), i);
+        QTest::newRow("a thousand undeclared named arguments are InvalidArgs")
+            << kServer << kServerIf << "play" << QVariantList{flood} << none << kInvalidArgs << "undeclared arguments";
         QTest::newRow("an unknown method is UnknownMethod") << kServer << kServerIf << "noSuchMethod" << QVariantList() << none
                                                             << "org.freedesktop.DBus.Error.UnknownMethod" << "noSuchMethod";
+        QTest::newRow("an unknown interface on the server object is UnknownInterface")
+            << kServer << nothing << "play" << QVariantList{5000} << none << "org.freedesktop.DBus.Error.UnknownInterface" << nothing;
         QTest::newRow("an unknown interface on the values object is UnknownInterface")
             << kValues << nothing << "List" << QVariantList() << none << "org.freedesktop.DBus.Error.UnknownInterface" << nothing;
     }
@@ -197,6 +200,7 @@ private slots:
         QTest::newRow("a read-only value is refused") << "MEDIA2_elapsedTime" << QVariant(5) << "com.kelvramotors.Error.ReadOnly";
         QTest::newRow("an unknown value is refused") << "NOPE" << QVariant(1) << "com.kelvramotors.Error.UnknownValue";
         QTest::newRow("text that is no boolean is refused") << kInternet << QVariant("maybe") << kInvalidArgs;
+        QTest::newRow("an int for a boolean is refused") << kInternet << QVariant(1) << kInvalidArgs;
     }
 
     // A refused value reads the same afterwards and is not broadcast. A switch of internet use
@@ -219,7 +223,45 @@ private slots:
         QCOMPARE(mChanges, error.isEmpty() ? accepted : accepted.mid(1));
     }
 
+    // The bus daemon goes away under a running server: one line says so and the server ends
+    // with status 1, so that its service manager starts it again.
+    void exitsWhenTheBusGoesAway()
+    {
+        auto bus = std::make_unique<PrivateBus>();
+        QVERIFY(bus->isRunning());
+        const QString address = bus->address();
+        QTemporaryDir home;
+        QProcess server;
+        QVERIFY(startServer(server, address, home));
+        bus.reset();
+        QVERIFY(server.waitForFinished(15000));
+        const QByteArray log = server.readAllStandardError();
+        QCOMPARE(server.exitStatus(), QProcess::NormalExit);
+        QVERIFY2(server.exitCode() == 1, log.constData());
+        QVERIFY2(log.contains(("lost the connection to the bus at " + address).toUtf8()), log.constData());
+    }
+
 private:
+    // Starts the server with settings and cache under `home` on the bus at `address`; true once
+    // it says it is running.
+    static bool startServer(QProcess& server, const QString& address, const QTemporaryDir& home)
+    {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("XDG_CONFIG_HOME", home.filePath("config"));
+        env.insert("XDG_CACHE_HOME", home.filePath("cache"));
+        server.setProcessEnvironment(env);
+        server.setReadChannel(QProcess::StandardError);
+        server.start(qEnvironmentVariable("CABIN_BIN_DIR", QCoreApplication::applicationDirPath()) + "/cabin-media-server",
+                     {"--set", "service/bus=" + address});
+        QByteArray log;
+        const QDeadlineTimer deadline(15000);
+        while (!log.contains("run(): running") && server.waitForReadyRead(int(deadline.remainingTime())))
+            log += server.readAllStandardError();
+        if (!log.contains("run(): running"))
+            qWarning("%s", log.constData());
+        return log.contains("run(): running");
+    }
+
     QDBusMessage call(const QString& path, const QString& interface, const QString& method, const QVariantList& args = {})
     {
         QDBusMessage message = QDBusMessage::createMethodCall(kService, path, interface, method);
@@ -244,7 +286,6 @@ private:
     PrivateBus mBus;
     QTemporaryDir mHome;
     QProcess mServer;
-    QByteArray mLog;
     QDBusConnection mConnection{QString()};
     QList<QVariantList> mChanges;
 };
