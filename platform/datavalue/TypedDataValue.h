@@ -2,6 +2,25 @@
 
 #include "platform/datavalue/DataValue.h"
 
+#include <cmath>
+
+namespace DataValueEquality {
+
+// Whether a write leaves the value as it is. A double's NaN is unequal to itself, so a plain ==
+// would broadcast every write of NaN; for a data value NaN is one value like any other.
+template <class T>
+bool same(const T& a, const T& b)
+{
+    return a == b;
+}
+
+inline bool same(double a, double b)
+{
+    return a == b || (std::isnan(a) && std::isnan(b));
+}
+
+} // namespace DataValueEquality
+
 // The shared shape of the typed data values: T is the value type (copyable, with ==) and
 // Traits converts it to and from its variant form and to text (see IntDataValue and its
 // siblings). Locking, commit and broadcast rules are DataValue's.
@@ -51,7 +70,7 @@ public:
     void setValueNoLock(const T& value)
     {
         checkProtectionNoLock();
-        if (!isValidNoLock() || !(value == mValue)) {
+        if (!isValidNoLock() || !DataValueEquality::same(value, mValue)) {
             mPending = value;
             setPendingValidNoLock(true);
             setChangePendingNoLock(true);

@@ -34,6 +34,7 @@ private slots:
         const QStringList none;
         QTest::newRow("first write of the default makes an invalid value valid") << false << "set 0" << QStringList{"0"} << "0";
         QTest::newRow("writing the same value twice broadcasts once") << false << "set 4,set 4" << QStringList{"4"} << "4";
+        QTest::newRow("writing NaN twice broadcasts once") << true << "set nan,set nan" << QStringList{"nan"} << "nan";
         QTest::newRow("separate changes broadcast each") << false << "set 1,set 2,set 3" << QStringList{"1", "2", "3"} << "3";
         QTest::newRow("A to B and back to A under one lock broadcasts nothing") << true << "lock,set 6,set 5,unlock" << none << "5";
         QTest::newRow("several changes under one lock broadcast once") << true << "lock,set 6,set 7,set 8,unlock" << QStringList{"8"} << "8";
@@ -50,7 +51,7 @@ private slots:
         QFETCH(QStringList, broadcasts);
         QFETCH(QString, expectedText);
         const QString name = uniqueName("seq");
-        IntDataValue value(name, false, 1, 5, initiallyValid);
+        RealDataValue value(name, false, 1, 5, initiallyValid);
         DataValueManager::instance()->startLogging(&value);   // each broadcast is one log line,
         DataValueManager::instance()->startLogging(&value);   // even after a second start
         QStringList seen, logged;
@@ -68,7 +69,7 @@ private slots:
             else if (step == u"invalidate")
                 value.setInvalid();
             else
-                value.setValue(step.section(QLatin1Char(' '), 1).toInt());
+                value.setValue(step.section(QLatin1Char(' '), 1).toDouble());
         }
         QCOMPARE(seen, broadcasts);
         QCOMPARE(capture.lines(), logged);
@@ -102,6 +103,7 @@ private slots:
         QTest::addColumn<QVariant>("expected");   // also the variant type the value must report; null: refused
         const QVariant refused;
         QTest::newRow("int from text with spaces around") << "int" << QVariant(" -5 ") << QVariant(-5);
+        QTest::newRow("int from 2.5 is refused") << "int" << QVariant(2.5) << refused;
         QTest::newRow("int from 3000000000 is refused") << "int" << QVariant(Q_INT64_C(3000000000)) << refused;
         QTest::newRow("uint64 from -1 is refused") << "uint64" << QVariant(-1) << refused;
         QTest::newRow("uint64 from the text of its largest number")
@@ -110,6 +112,7 @@ private slots:
         QTest::newRow("real from nan text is refused") << "real" << QVariant("nan") << refused;
         QTest::newRow("bool from text 0") << "bool" << QVariant("0") << QVariant(false);
         QTest::newRow("bool from text maybe is refused") << "bool" << QVariant("maybe") << refused;
+        QTest::newRow("bool from int 1 is refused") << "bool" << QVariant(1) << refused;
         QTest::newRow("string from bytes") << "string" << QVariant(QByteArray("c")) << QVariant("c");
         QTest::newRow("string from int is refused") << "string" << QVariant(5) << refused;
     }
@@ -134,10 +137,14 @@ private slots:
     }
 
     // One writer, three readers (one per accessor): readers see only written values, in order.
+    // The value is text, which a read racing a write could tear or free under the reader, so
+    // this fails when the readers' lock is missing.
     void concurrentReadersSeeOnlyWrittenValues()
     {
         const int lastWritten = 2 * 20000;
-        IntDataValue value(uniqueName("threads"), false, 1, 0, true);
+        const int repeats = 16;   // long enough to be on the heap, not copied in one word
+        auto written = [repeats](int n) { return QString::number(n).repeated(repeats); };
+        StringDataValue value(uniqueName("threads"), false, 1, written(0), true);
         std::atomic<bool> writerDone{false};
         std::atomic<int> readersStarted{0}, badReads{0};
         auto reader = [&](int accessor) {
@@ -145,10 +152,10 @@ private slots:
             int last = 0;
             for (bool done = false; !done;) {
                 done = writerDone.load();
-                bool ok = true;
-                const int read = accessor == 0 ? value.value()
-                                 : accessor == 1 ? value.variant().toInt(&ok) : value.toString().toInt(&ok);
-                badReads += !ok || read < last || read % 2 != 0 || read > lastWritten;
+                const QString text = accessor == 0 ? value.value() : accessor == 1 ? value.variant().toString() : value.toString();
+                bool ok = false;
+                const int read = text.left(text.size() / repeats).toInt(&ok);
+                badReads += !ok || text != written(read) || read < last || read % 2 != 0 || read > lastWritten;
                 last = read;
             }
             badReads += last != lastWritten;
@@ -160,7 +167,7 @@ private slots:
             while (readersStarted.load() < 3)   // every reader is running before the first write
                 std::this_thread::yield();
             for (int n = 2; n <= lastWritten; n += 2)
-                value.setValue(n);
+                value.setValue(written(n));
             writerDone = true;
         });
         for (std::thread& t : threads)
@@ -169,10 +176,18 @@ private slots:
     }
 
     // Both writers alternate categories: they race on the same counters and on creating them.
+    // Every byte is in the value at once; the broadcasts are far fewer than the writes, and the
+    // last one (the trailing broadcast) reads every byte.
     void concurrentTrafficIsCountedExactly()
     {
         const int adds = 5000;
         NetStats::ConnectionUsageDataValue usage(uniqueName("traffic"));
+        std::atomic<int> broadcasts{0};
+        std::atomic<quint64> lastBroadcastTotal{0};
+        connect(&usage, &DataValue::valueChanged, this, [&] {
+            ++broadcasts;
+            lastBroadcastTotal = usage.value().totalReceived();
+        }, Qt::DirectConnection);
         auto writer = [&] {
             for (int i = 0; i < adds; ++i)
                 usage.addTraffic(1 + i % 2, 3, 1);
@@ -185,6 +200,8 @@ private slots:
         QCOMPARE(counted.totalSent(), quint64(2 * adds));
         const QVariantMap category2 = usage.variant().toMap().value("categories").toMap().value("2").toMap();
         QCOMPARE(category2.value("received").toULongLong(), quint64(adds * 3));
+        QVERIFY2(broadcasts.load() < adds / 10, qPrintable(QString::number(broadcasts.load())));
+        QTRY_COMPARE(lastBroadcastTotal.load(), counted.totalReceived());
     }
 
     void registryAndInitialValues()
