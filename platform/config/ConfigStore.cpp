@@ -3,6 +3,7 @@
 #include "platform/config/ConfigValue.h"
 #include "platform/log/LogLine.h"
 
+#include <QFile>
 #include <QFileInfo>
 #include <QSettings>
 
@@ -112,6 +113,43 @@ QString settingText(const QVariant& value)
     return value.toString();
 }
 
+// Whether an INI value holds a ";" outside double quotes: QSettings takes it as the start of a
+// comment and silently drops the rest of the value.
+bool hasUnquotedSemicolon(const QString& value)
+{
+    bool quoted = false;
+    for (int i = 0; i < value.size(); ++i) {
+        if (value.at(i) == QLatin1Char('"') && (i == 0 || value.at(i - 1) != QLatin1Char('\\')))
+            quoted = !quoted;
+        else if (value.at(i) == QLatin1Char(';') && !quoted)
+            return true;
+    }
+    return false;
+}
+
+// The keys, as QSettings names them ("section/key"), whose value a ";" cuts short.
+QStringList keysCutBySemicolon(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
+        return {};
+    QStringList keys;
+    QString section;
+    for (const QString& raw : QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'))) {
+        const QString line = raw.trimmed();
+        if (line.startsWith(QLatin1Char('[')) && line.endsWith(QLatin1Char(']'))) {
+            section = line.mid(1, line.size() - 2).trimmed();
+            continue;
+        }
+        const int equals = line.indexOf(QLatin1Char('='));
+        if (line.startsWith(QLatin1Char(';')) || equals <= 0 || !hasUnquotedSemicolon(line.mid(equals + 1)))
+            continue;
+        const QString key = line.left(equals).trimmed();
+        keys.append(section.isEmpty() || section == QLatin1String("General") ? key : section + QLatin1Char('/') + key);
+    }
+    return keys;
+}
+
 } // namespace
 
 bool ConfigStore::loadSettingsFile(const QString& path)
@@ -134,5 +172,8 @@ bool ConfigStore::loadSettingsFile(const QString& path)
         if (!set(key, settingText(settings.value(key)), &error))
             LOG_WARN << "settings file " << path << ": " << error << "; keeping the default";
     }
+    for (const QString& key : keysCutBySemicolon(path))
+        LOG_WARN << "settings file " << path << ": the value of " << key
+                 << " holds a \";\", which starts a comment and cuts the value there; quote the value to keep it whole";
     return true;
 }

@@ -160,6 +160,10 @@ private slots:
         QTest::newRow("bad lines only are skipped")
             << QByteArray("[test]\nint=abc\nbool=false\nunknown_key=1\nstring=audioconvert ! audio/x-raw,rate=44100 ! fakesink\n")
             << QStringList{"\"test/int\" expects int, got \"abc\"; keeping the default", "unknown configuration key \"test/unknown_key\""};
+        QTest::newRow("a semicolon cutting a value is named, a quoted one or a comment line is not")
+            << QByteArray("[test]\nbool=false\nstring=audioconvert ! audio/x-raw,rate=44100 ! fakesink\n; a comment\nunsigned=5;6\n"
+                          "shared=\"x;y\"\n")
+            << QStringList{"the value of test/unsigned holds a \";\", which starts a comment"};
     }
     void settingsFileFailures()
     {
