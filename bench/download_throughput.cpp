@@ -1,5 +1,6 @@
 // Downloads one URL with NetDownloader into a file through ThreadedIncrementalFileWriter, the
-// way the media buffer does, and prints the rate and this process's peak RSS.
+// way the media buffer does (a disk that falls behind pauses the download), and prints the
+// rate and this process's peak RSS.
 //
 // Usage: bench-download-throughput URL OUTPUT-FILE
 
@@ -27,6 +28,8 @@ int main(int argc, char** argv)
         received += chunk.size();
         writer.write(chunk);
     });
+    QObject::connect(&writer, &ThreadedIncrementalFileWriter::backlogHigh, &downloader, &NetDownloader::pause);
+    QObject::connect(&writer, &ThreadedIncrementalFileWriter::backlogLow, &downloader, &NetDownloader::resume);
     auto finishIfDone = [&] {
         if (downloadDone && written == received)
             QCoreApplication::quit();
