@@ -109,7 +109,6 @@ private slots:
     void abortDeliversNothingMore();
     void consumerPauseHoldsTheNetwork_data();
     void consumerPauseHoldsTheNetwork();
-    void pauseOutsideADownloadIsHarmless();
 
 private:
     TestHttpServer mServer;
@@ -384,22 +383,6 @@ void TestNetDownloader::consumerPauseHoldsTheNetwork()
     QVERIFY(done.wait(20000));
     QCOMPARE(done.first().at(1).value<NetDownloader::Status>(), NetDownloader::Success);
     QVERIFY(body == big);
-}
-
-void TestNetDownloader::pauseOutsideADownloadIsHarmless()
-{
-    NetDownloader downloader(0, mServer.url(QStringLiteral("/whole")).toString(), true);
-    downloader.pause();
-    QVERIFY(!downloader.isPaused());
-    const Result result = download(downloader);
-    QCOMPARE(result.status, NetDownloader::Success);
-    QVERIFY(result.body == mBody);
-    QSignalSpy anything(&downloader, &NetDownloader::dataAvailable);
-    downloader.pause();
-    QVERIFY(!downloader.isPaused());
-    downloader.resume();
-    QCoreApplication::processEvents();
-    QCOMPARE(anything.size(), 0);
 }
 
 QTEST_GUILESS_MAIN(TestNetDownloader)
