@@ -49,6 +49,15 @@ bool removeFolder(const QString& folder)
     return !dir.exists() || dir.removeRecursively();
 }
 
+bool hardLink(const QString& from, const QString& to, QString* error)
+{
+    if (::link(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) == 0)
+        return true;
+    if (error)
+        *error = QStringLiteral("cannot link %1 to %2: %3").arg(from, to, QString::fromLocal8Bit(std::strerror(errno)));
+    return false;
+}
+
 bool linkOrCopy(const QString& from, const QString& to, QString* error)
 {
     QFile::remove(to);

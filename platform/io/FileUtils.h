@@ -21,6 +21,9 @@ QStringList plainFiles(const QString& folder);
 QStringList removeFilesExcept(const QString& folder, const QSet<QString>& keep);
 // Removes a folder and everything in it; true when it is gone (or was never there).
 bool removeFolder(const QString& folder);
+// Makes `to` a second name of the file `from` (a hard link: no bytes copied). Fails when `to`
+// exists or the file system cannot link (another file system, no link support).
+bool hardLink(const QString& from, const QString& to, QString* error);
 // Makes `to` a hard link of `from` where the file system allows, else a copy.
 bool linkOrCopy(const QString& from, const QString& to, QString* error);
 
