@@ -361,10 +361,19 @@ void StreamCache::prune()
     pruneLeastRecentlyUsed(0);
 }
 
+// Idle entries are the least recently used ones, so the walk stops at the first entry used
+// recently enough.
 void StreamCache::expire(qint64 now)
 {
-    for (const StreamCacheDatabase::Entry& entry : mDb.usedBefore(now - qint64(sItemExpiration.value())))
-        removeEntry(entry, "expired");
+    const qint64 cutoff = now - qint64(sItemExpiration.value());
+    for (;;) {
+        const QList<StreamCacheDatabase::Entry> oldest = mDb.leastRecentlyUsed(kPruneBatch);
+        for (const StreamCacheDatabase::Entry& entry : oldest)
+            if (entry.lastAccess >= cutoff || !removeEntry(entry, "expired"))
+                return;
+        if (oldest.size() < kPruneBatch)
+            return;
+    }
 }
 
 // Removes least recently used entries until the cache, with `incomingBytes` more, is within

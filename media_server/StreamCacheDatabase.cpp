@@ -21,9 +21,9 @@ constexpr int kBusyTimeoutMs = 1000;
 
 const char* const kSchema[] = {
     "CREATE TABLE IF NOT EXISTS streams (cachekey TEXT PRIMARY KEY NOT NULL, file TEXT NOT NULL,"
-    " size INTEGER NOT NULL, last_access INTEGER NOT NULL)",
-    // Pruning walks the entries by age; the rowid breaks ties in the order they were stored.
-    "CREATE INDEX IF NOT EXISTS streams_by_access ON streams (last_access)",
+    " size INTEGER NOT NULL, last_access INTEGER NOT NULL, last_use INTEGER NOT NULL)",
+    // Pruning walks the entries from the least recently used.
+    "CREATE INDEX IF NOT EXISTS streams_by_use ON streams (last_use)",
 };
 
 const QString kColumns = QStringLiteral("SELECT cachekey, file, size, last_access FROM streams");
@@ -70,16 +70,35 @@ bool StreamCacheDatabase::openFile(const QString& path)
     }
     if (!exec(QStringLiteral("PRAGMA journal_mode=WAL")) || !exec(QStringLiteral("PRAGMA synchronous=NORMAL")))
         return false;
-    QSqlQuery check(mDb);
-    if (!check.exec(QStringLiteral("PRAGMA quick_check")) || !check.next() || check.value(0).toString() != QLatin1String("ok")) {
-        mLastError = check.lastError().isValid() ? check.lastError().text() : QStringLiteral("integrity check failed");
-        mLastErrorCode = check.lastError().isValid() ? check.lastError().nativeErrorCode().toInt() : kSqliteCorrupt;
+    if (!checkIntegrity())
         return false;
-    }
     for (const char* statement : kSchema)
         if (!exec(QString::fromLatin1(statement)))
             return false;
-    return prepare();
+    return prepare() && loadUseCounter();
+}
+
+// A damaged page can sit where no query of ours would read it for weeks; finding it now lets
+// open() start afresh instead of failing a lookup later.
+bool StreamCacheDatabase::checkIntegrity()
+{
+    QSqlQuery check(mDb);
+    if (check.exec(QStringLiteral("PRAGMA quick_check")) && check.next() && check.value(0).toString() == QLatin1String("ok"))
+        return true;
+    mLastError = check.lastError().isValid() ? check.lastError().text() : QStringLiteral("integrity check failed");
+    mLastErrorCode = check.lastError().isValid() ? check.lastError().nativeErrorCode().toInt() : kSqliteCorrupt;
+    return false;
+}
+
+bool StreamCacheDatabase::loadUseCounter()
+{
+    QSqlQuery query(mDb);
+    if (!query.exec(QStringLiteral("SELECT coalesce(max(last_use), 0) FROM streams")) || !query.next()) {
+        mLastError = query.lastError().text();
+        return false;
+    }
+    mLastUse = query.value(0).toLongLong();
+    return true;
 }
 
 bool StreamCacheDatabase::prepare()
@@ -87,7 +106,7 @@ bool StreamCacheDatabase::prepare()
     mFindQuery = QSqlQuery(mDb);
     mTouchQuery = QSqlQuery(mDb);
     if (mFindQuery.prepare(kColumns + QStringLiteral(" WHERE cachekey = ?"))
-        && mTouchQuery.prepare(QStringLiteral("UPDATE streams SET last_access = ? WHERE cachekey = ?")))
+        && mTouchQuery.prepare(QStringLiteral("UPDATE streams SET last_access = ?, last_use = ? WHERE cachekey = ?")))
         return true;
     mLastError = QStringLiteral("the file holds another program's table: %1").arg(mDb.lastError().text());
     mLastErrorCode = kNotOurTable;
@@ -125,6 +144,7 @@ bool StreamCacheDatabase::find(const QString& key, Entry* entry)
 bool StreamCacheDatabase::touch(const QString& key, qint64 lastAccess)
 {
     mTouchQuery.addBindValue(lastAccess);
+    mTouchQuery.addBindValue(++mLastUse);
     mTouchQuery.addBindValue(key);
     return execPrepared(mTouchQuery);
 }
@@ -134,11 +154,12 @@ bool StreamCacheDatabase::put(const Entry& entry, Entry* replaced)
     *replaced = Entry();
     find(entry.key, replaced);
     QSqlQuery query(mDb);
-    query.prepare(QStringLiteral("INSERT OR REPLACE INTO streams (cachekey, file, size, last_access) VALUES (?, ?, ?, ?)"));
+    query.prepare(QStringLiteral("INSERT OR REPLACE INTO streams (cachekey, file, size, last_access, last_use) VALUES (?, ?, ?, ?, ?)"));
     query.addBindValue(entry.key);
     query.addBindValue(entry.file);
     query.addBindValue(entry.size);
     query.addBindValue(entry.lastAccess);
+    query.addBindValue(++mLastUse);
     return execPrepared(query);
 }
 
@@ -153,16 +174,8 @@ bool StreamCacheDatabase::remove(const QString& key)
 QList<StreamCacheDatabase::Entry> StreamCacheDatabase::leastRecentlyUsed(int limit)
 {
     QSqlQuery query(mDb);
-    query.prepare(kColumns + QStringLiteral(" ORDER BY last_access, rowid LIMIT ?"));
+    query.prepare(kColumns + QStringLiteral(" ORDER BY last_use LIMIT ?"));
     query.addBindValue(limit);
-    return execPrepared(query) ? entries(query) : QList<Entry>();
-}
-
-QList<StreamCacheDatabase::Entry> StreamCacheDatabase::usedBefore(qint64 lastAccess)
-{
-    QSqlQuery query(mDb);
-    query.prepare(kColumns + QStringLiteral(" WHERE last_access < ? ORDER BY last_access, rowid"));
-    query.addBindValue(lastAccess);
     return execPrepared(query) ? entries(query) : QList<Entry>();
 }
 

@@ -8,7 +8,10 @@
 namespace MediaV2 {
 
 // The stream cache's table of entries in one SQLite file: per cache key the name of its stream
-// file, its size and when it was last used. WAL journal with synchronous=NORMAL: a lookup's
+// file, its size and when it was last used. Besides the wall-clock time of the last use, which
+// has only seconds, every put and touch takes the next number of a use counter: least recently
+// used order needs to tell apart uses within one second and must not follow the clock when the
+// vehicle's clock is set back. WAL journal with synchronous=NORMAL: a lookup's
 // access-time update costs no fsync, and a power cut loses at most the last few updates, never
 // the file's consistency.
 //
@@ -46,6 +49,7 @@ public:
     bool isOpen() const;
 
     bool find(const QString& key, Entry* entry);
+    // Records a use now (lastAccess in seconds since the epoch).
     bool touch(const QString& key, qint64 lastAccess);
     // Inserts or replaces the entry of its key; *replaced receives the older entry, if any
     // (its key stays empty when there was none).
@@ -53,8 +57,6 @@ public:
     bool remove(const QString& key);
     // Up to `limit` entries, least recently used first.
     QList<Entry> leastRecentlyUsed(int limit);
-    // The entries last used before `lastAccess`.
-    QList<Entry> usedBefore(qint64 lastAccess);
     QList<Entry> all();
     Totals totals();
 
@@ -67,6 +69,8 @@ public:
 private:
     bool openFile(const QString& path);
     bool prepare();
+    bool checkIntegrity();
+    bool loadUseCounter();
     bool exec(const QString& statement);
     bool execPrepared(QSqlQuery& query);
     bool lastErrorIsCorruption() const;
@@ -77,6 +81,7 @@ private:
     QSqlDatabase mDb;
     QSqlQuery mFindQuery;
     QSqlQuery mTouchQuery;
+    qint64 mLastUse = 0;   // the use counter's newest number
     QString mLastError;
     int mLastErrorCode = 0;   // SQLite's primary result code of the last failure
 };
