@@ -316,6 +316,8 @@ void StreamCache::record(const QString& key, const QString& name, qint64 size, q
     auto flight = mInFlight.find(key);
     if (flight != mInFlight.end() && flight->newestRecorded > serial) {
         mFolder.remove(name);
+        if (debugLog())
+            LOG_INFO << "dropped a copy of " << key << ": superseded by a newer store";
         return;
     }
     StreamCacheDatabase::Entry replaced;
