@@ -61,8 +61,10 @@ namespace MediaV2 {
 // No locks: everything runs on the one thread. A finaliser closes the database and cancels
 // copies at exit, before the thread stops.
 //
-// Failure: never fatal. A database that cannot be opened or written (read-only or full disk)
-// is logged once, and lookups then answer "not cached" and stores keep nothing.
+// Failure: never fatal, one log line per kind of trouble. A database that cannot be opened (a
+// read-only disk, a path that cannot be a folder) turns every lookup into "not cached" and
+// every store into nothing kept. One that can be read but not written (a full disk) keeps
+// answering what it holds, and keeps no new entry until a write succeeds again.
 class StreamCache : public QObject
 {
     Q_OBJECT

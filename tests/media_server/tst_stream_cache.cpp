@@ -7,6 +7,7 @@
 #include "platform/core/Finalizer.h"
 #include "platform/core/SimpleTThread.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/SmallFileSystem.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -389,11 +390,28 @@ private slots:
     }
 
     // With no usable database every lookup still answers, "not cached", after one line.
+    void degradesWhenTheDatabaseCannotBeOpened_data()
+    {
+        QTest::addColumn<bool>("readOnlyDisk");   // else a plain file stands where the folder should be
+        QTest::newRow("a file where the cache folder should be") << false;
+        QTest::newRow("a read-only disk") << true;
+    }
     void degradesWhenTheDatabaseCannotBeOpened()
     {
-        QFile blocker(mDir.filePath(QStringLiteral("cache")));
-        QVERIFY(blocker.open(QIODevice::WriteOnly));   // a file where the folder should be
-        blocker.close();
+        QFETCH(bool, readOnlyDisk);
+        std::unique_ptr<SmallFileSystem> disk;
+        if (readOnlyDisk) {
+            disk.reset(new SmallFileSystem(mDir.filePath(QStringLiteral("cache")), "4m"));
+            if (!disk->mounted())
+                QSKIP("cannot mount a small tmpfs here (needs CAP_SYS_ADMIN)");
+            QVERIFY(!CacheRun().find(QStringLiteral("x")).inCache);   // the database exists
+            QVERIFY(QFile::exists(dbFile()));
+            QVERIFY(disk->makeReadOnly());
+        } else {
+            QFile blocker(mDir.filePath(QStringLiteral("cache")));
+            QVERIFY(blocker.open(QIODevice::WriteOnly));
+        }
+        mLog.clear();
         CacheRun run;
         run.store(QStringLiteral("song"), description(download(QStringLiteral("song.mp3")), 4096));
         QVERIFY(!run.find(QStringLiteral("song")).inCache);

@@ -6,12 +6,12 @@
 #include "platform/io/FileWriterThread.h"
 #include "platform/io/ThreadedFileWriter.h"
 #include "platform/io/ThreadedIncrementalFileWriter.h"
+#include "tests/support/SmallFileSystem.h"
 
 #include <QTemporaryDir>
 #include <QtTest>
 
 #include <csignal>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -67,28 +67,6 @@ private:
     struct rlimit mSaved;
     sighandler_t mSavedHandler;
     bool mApplied = false;
-};
-
-// A 64 KiB tmpfs, when this machine lets the test mount one.
-class SmallFileSystem
-{
-public:
-    explicit SmallFileSystem(const QString& where)
-        : mPath(where)
-    {
-        QDir().mkpath(where);
-        mMounted = ::mount("tmpfs", where.toLocal8Bit().constData(), "tmpfs", 0, "size=64k") == 0;
-    }
-    ~SmallFileSystem()
-    {
-        if (mMounted)
-            ::umount(mPath.toLocal8Bit().constData());
-    }
-    bool mounted() const { return mMounted; }
-
-private:
-    QString mPath;
-    bool mMounted = false;
 };
 
 } // namespace
