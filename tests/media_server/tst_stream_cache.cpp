@@ -337,6 +337,17 @@ private slots:
         QCOMPARE(mLog.lines().filter(QRegularExpression(QStringLiteral("removed b \\("))).size(), 1);
     }
 
+    // Between stores the timer prunes: an entry that expires goes without any call.
+    void prunesOnItsTimer()
+    {
+        setConfig(QStringLiteral("mediaserver/stream_cache_prune_timer_ms"), 20);
+        CacheRun run;
+        QVERIFY(run.storeAndWait(QStringLiteral("a"), download(QStringLiteral("a"))));
+        setConfig(QStringLiteral("mediaserver/stream_cache_item_expiration"), 60);
+        QVERIFY(sql(QStringLiteral("UPDATE streams SET last_access = last_access - 120 RETURNING 1")).isValid());
+        QTRY_COMPARE(streamFiles(), QStringList());
+    }
+
     // A crash between placing a file and recording it, or a file lost while the cache was
     // down, is put right by the next start.
     void reconcilesAfterACrash()
