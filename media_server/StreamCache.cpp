@@ -2,10 +2,9 @@
 
 #include "platform/config/ConfigBoolValue.h"
 #include "platform/config/ConfigIntValue.h"
-#include "platform/config/ConfigStore.h"
-#include "platform/config/ConfigStringValue.h"
 #include "platform/config/ConfigUnsignedIntValue.h"
 #include "platform/core/Finalizer.h"
+#include "media_server/StreamCacheLocation.h"
 #include "platform/io/FileUtils.h"
 #include "platform/io/StorageUtils.h"
 #include "platform/log/LogLine.h"
@@ -36,13 +35,6 @@ ConfigUnsignedIntValue sMaxDiskCacheCount("mediaserver/maxDiskCacheCount", 1000)
 ConfigIntValue sMaxAsyncLoad("mediaserver/stream_cache_max_async_load", 3);
 // One line per lookup, store and removal, for following what the cache decides.
 ConfigBoolValue sDebugLog("mediaserver/stream_cache_debug_log", false);
-// The database and the folder of stream files deliberately share one key: pointing the key at
-// another place moves both together: the database is the file named, and the stream files
-// live in its folder's "streams/". Unset, both follow "storage/stream_cache_folder"; the
-// defaults shown here are spelled from the cache root because asking StorageUtils for the
-// folder would create it while merely listing the settings.
-ConfigStringValue sDbFile("mediaserver/stream_cache_db_file", StorageUtils::cacheRoot() + QStringLiteral("/stream_cache/stream_cache.db"));
-ConfigStringValue sStreamFolder("mediaserver/stream_cache_db_file", StorageUtils::cacheRoot() + QStringLiteral("/stream_cache/streams/"));
 // Seconds after which an entry expires: 30 days.
 ConfigUnsignedIntValue sItemExpiration("mediaserver/stream_cache_item_expiration", 2592000);
 // Free disk space (MB) the cache always leaves for the rest of the system.
@@ -91,22 +83,6 @@ unsigned StreamCache::configuredMaxCount()
     return sMaxDiskCacheCount.value();
 }
 
-QString StreamCache::databaseFile()
-{
-    QString set;
-    if (ConfigStore::instance()->lookup(sDbFile.key(), &set) && !set.isEmpty())
-        return sDbFile.value();
-    return StorageUtils::streamCacheFolder() + QStringLiteral("/stream_cache.db");
-}
-
-QString StreamCache::streamFolder()
-{
-    QString set;
-    if (ConfigStore::instance()->lookup(sStreamFolder.key(), &set) && !set.isEmpty())
-        return QFileInfo(sStreamFolder.value()).absolutePath() + QStringLiteral("/streams/");
-    return StorageUtils::streamCacheFolder() + QStringLiteral("/streams/");
-}
-
 void StreamCache::init()
 {
     LOG_ASSERT(QThread::currentThread() != QCoreApplication::instance()->thread(),
@@ -126,8 +102,8 @@ void StreamCache::init()
 
 bool StreamCache::openStorage()
 {
-    const QString dbFile = databaseFile();
-    mFolder = StreamCacheFolder(streamFolder());
+    const QString dbFile = StreamCacheLocation::databaseFile();
+    mFolder = StreamCacheFolder(StreamCacheLocation::streamFolder());
     QString error;
     if (!mFolder.create(&error) || !StorageUtils::ensureFolder(QFileInfo(dbFile).absolutePath())) {
         setUnusable(error.isEmpty() ? QStringLiteral("cannot create the folder of %1").arg(dbFile) : error);
@@ -313,8 +289,7 @@ void StreamCache::onCopied(const StreamCacheCopier::Copy& copy)
 // of the key was entered while this one was copied.
 void StreamCache::record(const QString& key, const QString& name, qint64 size, quint64 serial)
 {
-    auto flight = mInFlight.find(key);
-    if (flight != mInFlight.end() && flight->newestRecorded > serial) {
+    if (isSuperseded(key, serial)) {
         mFolder.remove(name);
         if (debugLog())
             LOG_INFO << "dropped a copy of " << key << ": superseded by a newer store";
@@ -327,18 +302,35 @@ void StreamCache::record(const QString& key, const QString& name, qint64 size, q
         return;
     }
     mWriteFailureReported = false;
-    if (flight != mInFlight.end())
-        flight->newestRecorded = serial;
+    noteRecorded(key, serial);
     ++mTotals.count;
     mTotals.bytes += size;
-    if (!replaced.key.isEmpty()) {
-        --mTotals.count;
-        mTotals.bytes -= replaced.size;
-        mFolder.remove(replaced.file);
-    }
+    if (!replaced.key.isEmpty())
+        forgetReplaced(replaced);
     if (debugLog())
         LOG_INFO << "stored " << key << " as " << name << " (" << size << " bytes)";
     prune();
+}
+
+bool StreamCache::isSuperseded(const QString& key, quint64 serial) const
+{
+    const auto flight = mInFlight.constFind(key);
+    return flight != mInFlight.constEnd() && flight->newestRecorded > serial;
+}
+
+void StreamCache::noteRecorded(const QString& key, quint64 serial)
+{
+    const auto flight = mInFlight.find(key);
+    if (flight != mInFlight.end())
+        flight->newestRecorded = serial;
+}
+
+// The replaced entry's name goes; its bytes stay for a player that still has the file open.
+void StreamCache::forgetReplaced(const StreamCacheDatabase::Entry& replaced)
+{
+    --mTotals.count;
+    mTotals.bytes -= replaced.size;
+    mFolder.remove(replaced.file);
 }
 
 bool StreamCache::removeEntry(const StreamCacheDatabase::Entry& entry, const char* why)
@@ -417,7 +409,7 @@ void StreamCache::reportWriteFailure(const QString& what)
     if (mWriteFailureReported)
         return;
     mWriteFailureReported = true;
-    LOG_ERROR << "stream cache cannot write " << databaseFile() << " (" << mDb.lastError() << "): " << what
+    LOG_ERROR << "stream cache cannot write " << StreamCacheLocation::databaseFile() << " (" << mDb.lastError() << "): " << what
               << "; further write failures are not logged until a write succeeds";
 }
 

@@ -18,9 +18,8 @@ namespace MediaV2 {
 // from disk, across restarts and power cuts, without filling the disk the vehicle needs.
 //
 // A SQLite table (StreamCacheDatabase) maps each cache key to one complete file in the stream
-// folder (StreamCacheFolder), with its size and last use. "mediaserver/stream_cache_db_file"
-// names the database; its folder plus "streams/" holds the files. Unset, both live in the
-// stream cache folder of the storage settings.
+// folder (StreamCacheFolder), with its size and last use; StreamCacheLocation says where the
+// two are.
 //
 // Lookups: findStream() answers every call exactly once, in call order, with
 // streamFileFound(inCache, file, timeSeconds): the path of the complete data and the entry's
@@ -77,10 +76,6 @@ public:
     // "mediaserver/maxDiskCacheCount").
     static int configuredMaxSize();
     static unsigned configuredMaxCount();
-    // Where the database and the stream files go under the settings in force.
-    static QString databaseFile();
-    static QString streamFolder();
-
     Q_INVOKABLE void init();
     Q_INVOKABLE void findStream(QString streamID);
     Q_INVOKABLE void store(QString cachekey, QByteArray data);
@@ -117,6 +112,9 @@ private:
     void storeCopy(const QString& key, const Download& download, quint64 serial, const QString& name);
     void onCopied(const MediaV2::StreamCacheCopier::Copy& copy);
     void record(const QString& key, const QString& name, qint64 size, quint64 serial);
+    bool isSuperseded(const QString& key, quint64 serial) const;
+    void noteRecorded(const QString& key, quint64 serial);
+    void forgetReplaced(const StreamCacheDatabase::Entry& replaced);
     bool removeEntry(const StreamCacheDatabase::Entry& entry, const char* why);
     void expire(qint64 now);
     bool pruneLeastRecentlyUsed(qint64 incomingBytes);

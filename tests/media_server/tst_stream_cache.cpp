@@ -3,6 +3,7 @@
 // cache prunes, and how it survives crashes, damaged databases and unusable disks.
 
 #include "media_server/StreamCache.h"
+#include "media_server/StreamCacheLocation.h"
 #include "platform/config/ConfigStore.h"
 #include "platform/core/Finalizer.h"
 #include "platform/core/SimpleTThread.h"
@@ -176,8 +177,8 @@ private slots:
     // The database is the file the shared key names; the stream files live beside it.
     void keepsFilesBesideTheNamedDatabase()
     {
-        QCOMPARE(StreamCache::databaseFile(), dbFile());
-        QCOMPARE(QDir::cleanPath(StreamCache::streamFolder()), streams());
+        QCOMPARE(MediaV2::StreamCacheLocation::databaseFile(), dbFile());
+        QCOMPARE(QDir::cleanPath(MediaV2::StreamCacheLocation::streamFolder()), streams());
     }
 
     void lookupAnswers_data()
