@@ -177,7 +177,7 @@ public:
         return sqlite3_open(path.toUtf8().constData(), &mDb) == SQLITE_OK
             && sqlite3_exec(mDb, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL", nullptr, nullptr, nullptr) == SQLITE_OK
             && prepare("SELECT cachekey, file, size, last_access FROM streams WHERE cachekey = ?", &mFind)
-            && prepare("UPDATE streams SET last_access = ? WHERE cachekey = ?", &mTouch);
+            && prepare("UPDATE streams SET last_access = ?, last_use = ? WHERE cachekey = ?", &mTouch);
     }
 
     // True on a hit whose last use was recorded.
@@ -190,7 +190,8 @@ public:
         if (!found)
             return false;
         sqlite3_bind_int64(mTouch, 1, std::time(nullptr));
-        sqlite3_bind_text(mTouch, 2, key.constData(), int(key.size()), SQLITE_STATIC);
+        sqlite3_bind_int64(mTouch, 2, ++mLastUse);   // above every use the fill gave, as the cache's counter
+        sqlite3_bind_text(mTouch, 3, key.constData(), int(key.size()), SQLITE_STATIC);
         const bool touched = sqlite3_step(mTouch) == SQLITE_DONE;
         sqlite3_reset(mTouch);
         return touched;
@@ -205,6 +206,7 @@ private:
     sqlite3* mDb = nullptr;
     sqlite3_stmt* mFind = nullptr;
     sqlite3_stmt* mTouch = nullptr;
+    qint64 mLastUse = qint64(1) << 40;
 };
 
 // The cache as its owner runs it: on a "StreamCacheThread", reached by queued invocations by

@@ -90,7 +90,6 @@ void StreamCache::init()
     if (mUsable || !openStorage())
         return;
     reconcile();
-    mTotals = mDb.totals();
     mCopier = new StreamCacheCopier(sMaxAsyncLoad.value(), this);
     connect(mCopier, &StreamCacheCopier::copied, this, &StreamCache::onCopied);
     registerFinalizer();
@@ -126,21 +125,22 @@ bool StreamCache::openStorage()
 void StreamCache::reconcile()
 {
     const QStringList onDisk = mFolder.names();
-    const QSet<QString> files(onDisk.begin(), onDisk.end());
-    QSet<QString> named;
+    QSet<QString> unclaimed(onDisk.begin(), onDisk.end());
+    mTotals = {};
     int dropped = 0;
     mDb.beginBatch();
     for (const StreamCacheDatabase::Entry& entry : mDb.all()) {
-        if (files.contains(entry.file))
-            named.insert(entry.file);
-        else if (mDb.remove(entry.key))
+        if (unclaimed.remove(entry.file)) {
+            ++mTotals.count;
+            mTotals.bytes += entry.size;
+        } else if (mDb.remove(entry.key)) {
             ++dropped;
+        }
     }
     mDb.commitBatch();
     int orphans = 0;
-    for (const QString& name : onDisk)
-        if (!named.contains(name) && mFolder.remove(name))
-            ++orphans;
+    for (const QString& name : unclaimed)
+        orphans += mFolder.remove(name) ? 1 : 0;
     if (dropped > 0 || orphans > 0)
         LOG_INFO << "stream cache reconciled: removed " << orphans << " files without an entry, dropped " << dropped
                  << " entries without a file";
@@ -351,8 +351,11 @@ void StreamCache::prune()
 {
     if (!mUsable)
         return;
+    // One commit for the whole pass: removing a thousand entries costs one journal sync.
+    mDb.beginBatch();
     expire(nowSeconds());
     pruneLeastRecentlyUsed(0);
+    mDb.commitBatch();
 }
 
 // Idle entries are the least recently used ones, so the walk stops at the first entry used

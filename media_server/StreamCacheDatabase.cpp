@@ -105,8 +105,10 @@ bool StreamCacheDatabase::prepare()
 {
     mFindQuery = QSqlQuery(mDb);
     mTouchQuery = QSqlQuery(mDb);
+    mRemoveQuery = QSqlQuery(mDb);
     if (mFindQuery.prepare(kColumns + QStringLiteral(" WHERE cachekey = ?"))
-        && mTouchQuery.prepare(QStringLiteral("UPDATE streams SET last_access = ?, last_use = ? WHERE cachekey = ?")))
+        && mTouchQuery.prepare(QStringLiteral("UPDATE streams SET last_access = ?, last_use = ? WHERE cachekey = ?"))
+        && mRemoveQuery.prepare(QStringLiteral("DELETE FROM streams WHERE cachekey = ?")))
         return true;
     mLastError = QStringLiteral("the file holds another program's table: %1").arg(mDb.lastError().text());
     mLastErrorCode = kNotOurTable;
@@ -117,6 +119,7 @@ void StreamCacheDatabase::close()
 {
     mFindQuery = QSqlQuery();
     mTouchQuery = QSqlQuery();
+    mRemoveQuery = QSqlQuery();
     if (mDb.isValid())
         mDb.close();
     mDb = QSqlDatabase();
@@ -165,10 +168,8 @@ bool StreamCacheDatabase::put(const Entry& entry, Entry* replaced)
 
 bool StreamCacheDatabase::remove(const QString& key)
 {
-    QSqlQuery query(mDb);
-    query.prepare(QStringLiteral("DELETE FROM streams WHERE cachekey = ?"));
-    query.addBindValue(key);
-    return execPrepared(query);
+    mRemoveQuery.addBindValue(key);
+    return execPrepared(mRemoveQuery);
 }
 
 QList<StreamCacheDatabase::Entry> StreamCacheDatabase::leastRecentlyUsed(int limit)
@@ -186,17 +187,6 @@ QList<StreamCacheDatabase::Entry> StreamCacheDatabase::all()
     return query.exec(kColumns) ? entries(query) : QList<Entry>();
 }
 
-StreamCacheDatabase::Totals StreamCacheDatabase::totals()
-{
-    QSqlQuery query(mDb);
-    Totals totals;
-    if (query.exec(QStringLiteral("SELECT count(*), coalesce(sum(size), 0) FROM streams")) && query.next()) {
-        totals.count = query.value(0).toLongLong();
-        totals.bytes = query.value(1).toLongLong();
-    }
-    return totals;
-}
-
 bool StreamCacheDatabase::beginBatch()
 {
     return mDb.transaction();
@@ -204,7 +194,11 @@ bool StreamCacheDatabase::beginBatch()
 
 bool StreamCacheDatabase::commitBatch()
 {
-    return mDb.commit();
+    if (mDb.commit())
+        return true;
+    mLastError = mDb.lastError().text();
+    mDb.rollback();
+    return false;
 }
 
 bool StreamCacheDatabase::exec(const QString& statement)

@@ -58,9 +58,9 @@ public:
     // Up to `limit` entries, least recently used first.
     QList<Entry> leastRecentlyUsed(int limit);
     QList<Entry> all();
-    Totals totals();
 
-    // Groups many writes into one commit (bulk fills); false when the connection refuses.
+    // Groups many writes into one commit (bulk fills, pruning passes); false when the
+    // connection refuses. A commit that fails rolls the batch back.
     bool beginBatch();
     bool commitBatch();
 
@@ -81,6 +81,7 @@ private:
     QSqlDatabase mDb;
     QSqlQuery mFindQuery;
     QSqlQuery mTouchQuery;
+    QSqlQuery mRemoveQuery;
     qint64 mLastUse = 0;   // the use counter's newest number
     QString mLastError;
     int mLastErrorCode = 0;   // SQLite's primary result code of the last failure

@@ -8,6 +8,8 @@
 #include <QDir>
 #include <QFile>
 
+#include <dirent.h>
+
 namespace MediaV2 {
 
 StreamCacheFolder::StreamCacheFolder(const QString& path)
@@ -43,9 +45,18 @@ QString StreamCacheFolder::partialName(const QString& name)
     return name + QStringLiteral(".part");
 }
 
+// readdir's own file type, not a stat per file: at start-up the folder may hold many thousands.
 QStringList StreamCacheFolder::names() const
 {
-    return QDir(mPath).entryList(QDir::Files | QDir::Hidden | QDir::System, QDir::Unsorted);
+    QStringList names;
+    DIR* dir = ::opendir(QFile::encodeName(mPath).constData());
+    if (!dir)
+        return names;
+    while (const struct dirent* entry = ::readdir(dir))
+        if (entry->d_type != DT_DIR)   // ".", ".." and sub-folders; DT_UNKNOWN counts as a file
+            names.append(QFile::decodeName(entry->d_name));
+    ::closedir(dir);
+    return names;
 }
 
 qint64 StreamCacheFolder::sizeOf(const QString& name) const
