@@ -27,6 +27,17 @@ ConfigStringValue sAudioSink("gstreamer/audio_sink", QString());
 constexpr int kPlayFlagAudio = 0x2;
 constexpr qint64 kNanosPerMilli = 1000000;
 
+// uridecodebin3 of this GStreamer release asks its source bin to split the item into
+// elementary streams itself. On that path decodebin3 sometimes never links its input when the
+// machine is busy: the item stops before it reaches the sink, no error is posted and the
+// pipeline never finishes pre-rolling. Left to decodebin3's own parser, items load reliably.
+void keepParsingInTheDecoder(GstElement*, GstElement* element, gpointer)
+{
+    GstElementFactory* factory = gst_element_get_factory(element);
+    if (factory && g_str_equal(GST_OBJECT_NAME(factory), "urisourcebin"))
+        g_object_set(element, "parse-streams", FALSE, nullptr);
+}
+
 bool logAt(int level)
 {
     return sLogLevel.value() >= level;
@@ -86,6 +97,7 @@ bool GStreamerPlayer::buildPipeline()
         return false;
     }
     g_signal_connect(mPipeline, "deep-notify::source", G_CALLBACK(&GStreamerPlayer::sourceNotified), this);
+    g_signal_connect(mPipeline, "element-setup", G_CALLBACK(&keepParsingInTheDecoder), nullptr);
     applyAudioSink();
     return true;
 }
