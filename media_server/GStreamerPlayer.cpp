@@ -1,6 +1,8 @@
 #include "media_server/GStreamerPlayer.h"
 
 #include "media_server/LogFunction.h"
+#include "media_server/PlaybinSetup.h"
+#include "media_server/StartSeekRule.h"
 #include "platform/config/ConfigIntValue.h"
 #include "platform/config/ConfigRealValue.h"
 #include "platform/config/ConfigStringValue.h"
@@ -19,23 +21,16 @@ ConfigIntValue sLogLevel("gstreamer/log_level", 1);
 ConfigRealValue sVolume("gstreamer/volume", 1.0);
 // Plays this URL instead of every item's, to try a stream without a client.
 ConfigStringValue sOverrideUrl("gstreamer/override_url", QString());
-// A bin description for playbin3's audio sink; empty keeps playbin3's own choice. Tests and
-// the demo record to a file with it.
-ConfigStringValue sAudioSink("gstreamer/audio_sink", QString());
-
-// playbin3's flag that enables audio output.
-constexpr int kPlayFlagAudio = 0x2;
 constexpr qint64 kNanosPerMilli = 1000000;
 
-// uridecodebin3 of this GStreamer release asks its source bin to split the item into
-// elementary streams itself. On that path decodebin3 sometimes never links its input when the
-// machine is busy: the item stops before it reaches the sink, no error is posted and the
-// pipeline never finishes pre-rolling. Left to decodebin3's own parser, items load reliably.
-void keepParsingInTheDecoder(GstElement*, GstElement* element, gpointer)
+// The name of an enumeration value; an unknown value is reported and named "".
+template <int N>
+QString nameIn(const char* const (&names)[N], int value, const char* type)
 {
-    GstElementFactory* factory = gst_element_get_factory(element);
-    if (factory && g_str_equal(GST_OBJECT_NAME(factory), "urisourcebin"))
-        g_object_set(element, "parse-streams", FALSE, nullptr);
+    if (value >= 0 && value < N)
+        return QString::fromLatin1(names[value]);
+    Logger::logAssert("false", QStringLiteral("Unknown %1: %2").arg(QLatin1String(type)).arg(value), __FILE__, __LINE__);
+    return QString();
 }
 
 bool logAt(int level)
@@ -87,9 +82,7 @@ bool GStreamerPlayer::buildPipeline()
         cleanup();
         return false;
     }
-    gint flags = 0;
-    g_object_get(mPipeline, "flags", &flags, nullptr);
-    g_object_set(mPipeline, "flags", flags | kPlayFlagAudio, nullptr);
+    PlaybinSetup::configure(mPipeline);
     mBus = gst_element_get_bus(mPipeline);
     if (!mBus) {
         Logger::logAssert("false", QStringLiteral("Failed to get playbin bus"), __FILE__, __LINE__);
@@ -97,29 +90,7 @@ bool GStreamerPlayer::buildPipeline()
         return false;
     }
     g_signal_connect(mPipeline, "deep-notify::source", G_CALLBACK(&GStreamerPlayer::sourceNotified), this);
-    g_signal_connect(mPipeline, "element-setup", G_CALLBACK(&keepParsingInTheDecoder), nullptr);
-    applyAudioSink();
     return true;
-}
-
-// An invalid description is reported once and playbin3 keeps its own sink (which, without a
-// sound card, falls back to a silent one: not an error).
-void GStreamerPlayer::applyAudioSink()
-{
-    const QString description = sAudioSink.value();
-    if (description.isEmpty())
-        return;
-    GError* error = nullptr;
-    GstElement* sink = gst_parse_bin_from_description(description.toUtf8().constData(), TRUE, &error);
-    if (!sink) {
-        LOG_ERROR << "invalid gstreamer/audio_sink \"" << description << "\": "
-                  << (error ? QString::fromUtf8(error->message) : QStringLiteral("no element"))
-                  << "; using playbin3's own audio sink";
-        g_clear_error(&error);
-        return;
-    }
-    g_clear_error(&error);
-    g_object_set(mPipeline, "audio-sink", sink, nullptr);
 }
 
 void GStreamerPlayer::cleanup()
@@ -140,28 +111,19 @@ void GStreamerPlayer::cleanup()
 QString GStreamerPlayer::stringForState(State state)
 {
     static const char* const names[] = {"Stopped", "Playing", "Paused", "Error", "ErrorTimeout", "ErrorForbidden"};
-    if (int(state) >= 0 && int(state) < 6)
-        return QString::fromLatin1(names[int(state)]);
-    Logger::logAssert("false", QStringLiteral("Unknown State: %1").arg(int(state)), __FILE__, __LINE__);
-    return QString();
+    return nameIn(names, int(state), "State");
 }
 
 QString GStreamerPlayer::stringForMediaStatus(MediaStatus status)
 {
     static const char* const names[] = {"None", "Loading", "Loaded", "Buffering", "Buffered", "EndOfMedia", "Invalid"};
-    if (int(status) >= 0 && int(status) < 7)
-        return QString::fromLatin1(names[int(status)]);
-    Logger::logAssert("false", QStringLiteral("Unknown MediaStatus: %1").arg(int(status)), __FILE__, __LINE__);
-    return QString();
+    return nameIn(names, int(status), "MediaStatus");
 }
 
 QString GStreamerPlayer::stringForGstState(GstState state)
 {
     static const char* const names[] = {"VoidPending", "Null", "Ready", "Paused", "Playing"};
-    if (int(state) >= 0 && int(state) < 5)
-        return QString::fromLatin1(names[int(state)]);
-    Logger::logAssert("false", QStringLiteral("Unknown GstState: %1").arg(int(state)), __FILE__, __LINE__);
-    return QString();
+    return nameIn(names, int(state), "GstState");
 }
 
 void GStreamerPlayer::setState(State state)
@@ -431,27 +393,12 @@ void GStreamerPlayer::seekIfNeeded()
 
 bool GStreamerPlayer::pendingSeekIsReachable()
 {
-    bool seekable = false;
+    StartSeekRule::SeekRange range;
     long start = 0, end = 0;
-    if (!getSeekCapability(&seekable, &start, &end)) {
-        LOG_ERROR << "Failed to retrieve seek info for stream, calling seek directly";
-        // Milliseconds against nanoseconds, as it always has been: only a wildly large
-        // position is refused here.
-        if (mPendingSeek < mDuration)
-            return true;
-        LOG_ERROR << "Seeking position is out of range, not seeking.";
-        return false;
-    }
-    if (!seekable) {
-        LOG_ERROR << "Cannot seek, seek not enabled in this stream.";
-        return false;
-    }
-    const qint64 target = mPendingSeek * kNanosPerMilli;
-    if ((target < start || target >= end) && mDuration > 0) {
-        LOG_ERROR << "Seek position outside of seeking range. " << target << " " << qint64(start) << " " << qint64(end);
-        return false;
-    }
-    return true;
+    range.answered = getSeekCapability(&range.seekable, &start, &end);
+    range.start = start;
+    range.end = end;
+    return StartSeekRule::pendingSeekIsReachable(mPendingSeek, mDuration, range);
 }
 
 void GStreamerPlayer::setVolume(double volume)

@@ -82,7 +82,6 @@ public slots:
 private:
     void cleanup();
     bool buildPipeline();
-    void applyAudioSink();
     void setState(State state);
     void setMediaStatus(MediaStatus status);
     void dispatch(GstMessage* message);
