@@ -1,8 +1,6 @@
 #include "media_server/StreamingMediaBufferInfo.h"
 
-#include "platform/io/StorageUtils.h"
 
-#include <QCryptographicHash>
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -88,24 +86,5 @@ StreamingMediaBufferInfo::Read StreamingMediaBufferInfo::read(const QString& pat
     constexpr qint64 kMaxInfoBytes = 64 * 1024;
     return parse(file.read(kMaxInfoBytes), key, info, problem);
 }
-
-namespace MediaCacheFiles {
-
-QString hashForKey(const QString& key)
-{
-    return QString::fromLatin1(QCryptographicHash::hash(key.toUtf8(), QCryptographicHash::Md5).toHex());
-}
-
-QString cacheFileName(const QString& key)
-{
-    return QStringLiteral("%1/%2_cache").arg(StorageUtils::mediaCacheFolder(), hashForKey(key));
-}
-
-QString infoFileName(const QString& key)
-{
-    return QStringLiteral("%1/%2_info.txt").arg(StorageUtils::mediaCacheFolder(), hashForKey(key));
-}
-
-} // namespace MediaCacheFiles
 
 } // namespace MediaV2

@@ -32,17 +32,4 @@ struct StreamingMediaBufferInfo
     static Read read(const QString& path, const QString& key, StreamingMediaBufferInfo* info, QString* problem);
 };
 
-// The names of an item's files in the media cache folder: the MD5 of the cache key's UTF-8
-// bytes as 32 lowercase hexadecimal characters, so any key (slashes, dots, kilobytes of text,
-// any script) gives a short, safe file name.
-namespace MediaCacheFiles {
-
-QString hashForKey(const QString& key);
-// "<folder>/<hash>_cache": the downloaded bytes at their offsets in the resource.
-QString cacheFileName(const QString& key);
-// "<folder>/<hash>_info.txt": the StreamingMediaBufferInfo of the data file.
-QString infoFileName(const QString& key);
-
-} // namespace MediaCacheFiles
-
 } // namespace MediaV2

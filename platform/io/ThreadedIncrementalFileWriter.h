@@ -44,6 +44,8 @@ public:
     void seek(qint64 position);
     void resize(qint64 size);
     qint64 backlogBytes() const { return mBacklogBytes; }
+    // Writes handed over whose report has not come back yet.
+    int pendingWrites() const { return int(mPendingChunks.size()); }
 
 signals:
     void dataWritten(qint64 bytes, QString error);

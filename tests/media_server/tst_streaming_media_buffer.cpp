@@ -1,6 +1,7 @@
 // The download buffer's files: every cache key maps to safe names, and an info file is trusted
 // only when it describes this key's data file completely and sanely.
 
+#include "media_server/MediaCacheFiles.h"
 #include "media_server/StreamingMediaBufferInfo.h"
 #include "platform/config/ConfigStore.h"
 
