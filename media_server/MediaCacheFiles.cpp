@@ -27,10 +27,26 @@ QString infoFileName(const QString& key)
     return QStringLiteral("%1/%2_info.txt").arg(StorageUtils::mediaCacheFolder(), hashForKey(key));
 }
 
+namespace {
+
+// A kept file's temporary sibling ("<name>.XXXXXX", an info file being replaced) is kept too,
+// or the replacement in flight would fail.
+bool isKept(const QString& file, const QSet<QString>& keep)
+{
+    if (keep.contains(file))
+        return true;
+    for (const QString& kept : keep)
+        if (file.startsWith(kept + QLatin1Char('.')))
+            return true;
+    return false;
+}
+
+} // namespace
+
 void cleanupDirectory(const QString& dir, const QSet<QString>& keep)
 {
     for (const QString& file : FileUtils::plainFiles(dir)) {
-        if (keep.contains(file))
+        if (isKept(file, keep))
             continue;
         LOG_INFO << "Deleting " << file;
         if (!QFile::remove(file))

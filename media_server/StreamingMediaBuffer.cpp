@@ -151,6 +151,7 @@ void StreamingMediaBuffer::stop()
     dropDownloader();
     if (mFileWriter)
         mFileWriter->cancelFinish();
+    mFailureWaiting = false;
     if (mState != Finished)
         writeInfoFile();
 }

@@ -127,14 +127,15 @@ protected:
     bool acceptWriteReport(qint64 bytes);
     // Ends the running download now and reports it through the virtual downloadComplete().
     void abandonDownload(NetDownloader::Status status);
-    // Trims the data file to the bytes received; completionWritten() follows once they are all
-    // on disk.
+    // Trims the data file to the bytes received (giving back reserved room); completionWritten()
+    // follows once they are all on disk.
     void trimCachedFileToContentSize();
     void maybeWriteProgressInfo();
     // Finished: the info file says complete, the writer is gone, the stream cache is told.
     void completeFile(const QString& reason);
     void handOverToStreamCache();
-    // The data file's trim came back after every write (allWritten) or after a failed chunk.
+    // The data file's trim came back after every write (allWritten) or after a failed chunk:
+    // the download's end, success or failure, is handled now.
     virtual void completionWritten(bool allWritten);
 
     MediaPlaybackMetadata mMetadata;
@@ -174,6 +175,10 @@ private:
     bool mBodyTaken = false;        // body bytes of this download went to the file; a redirect then discards them
     bool mResponseAccepted = false; // the final response succeeded: its body belongs in the file, progress counts it
     qint64 mRequestOffset = 0;      // the byte the request asked to start from
+    // A failed download waits for the writer's last report before it is retried or given up.
+    bool mFailureWaiting = false;
+    State mFailureTarget = Failed;
+    QString mFailureError;
     QElapsedTimer mLastInfoWrite;
     int mUnderruns = 0;
 };

@@ -100,11 +100,8 @@ void StreamingMediaBuffer::metaDataChanged()
 void StreamingMediaBuffer::logHeaders() const
 {
     LOG_INFO << "[Header] status " << mDownloader->statusCode();
-    for (const QByteArray& name : {QByteArray("Content-Length"), QByteArray("Content-Range"), QByteArray("Content-Type"),
-                                   QByteArray("Accept-Ranges"), QByteArray("Location"), QByteArray("icy-name")}) {
-        if (mDownloader->hasResponseHeader(name))
-            LOG_INFO << "[Header] " << name << ": " << mDownloader->responseHeader(name);
-    }
+    for (const auto& header : mDownloader->responseHeaders())
+        LOG_INFO << "[Header] " << header.first << ": " << header.second;
 }
 
 void StreamingMediaBuffer::noteAcceptRanges()
@@ -254,6 +251,11 @@ void StreamingMediaBuffer::trimCachedFileToContentSize()
 
 void StreamingMediaBuffer::completionWritten(bool allWritten)
 {
+    if (mFailureWaiting) {
+        mFailureWaiting = false;
+        handleFailure(mFailureTarget, mFailureError);
+        return;
+    }
     if (!allWritten) {
         handleFailure(Failed, QStringLiteral("the last chunks did not reach the disk"));
         return;
@@ -281,7 +283,12 @@ void StreamingMediaBuffer::downloadComplete(NetDownloader* nd, NetDownloader::St
     const QString error = nd->errorString();
     LOG_INFO << QStringLiteral("error=%1, status=%2, statusCode=%3").arg(error).arg(int(status)).arg(nd->statusCode());
     dropDownloader();
-    handleFailure(target, error);
+    // Decide once every byte received is counted: the resume then starts after all of them,
+    // and data that arrived since the last failure resets the failed count first.
+    mFailureWaiting = true;
+    mFailureTarget = target;
+    mFailureError = error;
+    trimCachedFileToContentSize();
 }
 
 StreamingMediaBuffer::State StreamingMediaBuffer::failureState(NetDownloader* nd, NetDownloader::Status status) const

@@ -71,6 +71,8 @@ public:
 
     bool hasResponseHeader(const QByteArray& name) const;
     QByteArray responseHeader(const QByteArray& name) const;
+    // Every header of the latest response, in the order received.
+    QList<QPair<QByteArray, QByteArray>> responseHeaders() const { return mResponseHeaders; }
     int statusCode() const { return mStatusCode; }
     QString errorString() const { return mError; }
     QString url() const { return mUrl; }
