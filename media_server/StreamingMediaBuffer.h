@@ -124,7 +124,7 @@ protected:
     void dropDownloader();
     // Counts a counted writer report; false for a failed chunk, after which the file is cut
     // back to the bytes written and the download ended as aborted, so that it resumes there.
-    bool acceptWriteReport(qint64 bytes);
+    bool acceptWriteReport(qint64 bytes, const QString& error);
     // Ends the running download now and reports it through the virtual downloadComplete().
     void abandonDownload(NetDownloader::Status status);
     // Trims the data file to the bytes received (giving back reserved room); completionWritten()
@@ -179,6 +179,7 @@ private:
     bool mFailureWaiting = false;
     State mFailureTarget = Failed;
     QString mFailureError;
+    QString mWriteError;            // why a chunk of this download could not be written
     QElapsedTimer mLastInfoWrite;
     int mUnderruns = 0;
 };

@@ -31,6 +31,8 @@ constexpr int kHttpForbidden = 403;
 void StreamingMediaBuffer::startDownload(int offset)
 {
     LOG_INFO << "startDownload url=" << mMetadata.url;
+    if (offset < 0)
+        offset = 0;   // a count past 2 GiB narrowed to a negative int: start over rather than splice
     dropDownloader();
     mStoreData.clear();
     mWritten = offset;
@@ -49,6 +51,7 @@ void StreamingMediaBuffer::startDownload(int offset)
     mBodyTaken = false;
     mResponseAccepted = false;
     mRequestOffset = offset;
+    mWriteError.clear();
     mDownloader->startDownload();
     mTimeoutTimer.start(sDownloadTimeout.value());
 }
@@ -205,7 +208,7 @@ void StreamingMediaBuffer::downloadTimeout()
     abandonDownload(NetDownloader::Timeout);
 }
 
-bool StreamingMediaBuffer::acceptWriteReport(qint64 bytes)
+bool StreamingMediaBuffer::acceptWriteReport(qint64 bytes, const QString& error)
 {
     if (mDownloader)
         mTimeoutTimer.start();
@@ -214,6 +217,7 @@ bool StreamingMediaBuffer::acceptWriteReport(qint64 bytes)
         return true;
     }
     // The chunks after the failed one landed in its place: cut them off and fetch them again.
+    mWriteError = QStringLiteral("cannot write the cache file: ") + error;
     mFileWriter->restartAt(mWritten);
     if (mDownloader)
         abandonDownload(NetDownloader::Aborted);
@@ -224,7 +228,7 @@ void StreamingMediaBuffer::dataWritten(qint64 bytes, QString error)
 {
     if (bytes < 0)
         LOG_ERROR << "Failed to write to disk cache: " << error;
-    if (!acceptWriteReport(bytes))
+    if (!acceptWriteReport(bytes, error))
         return;
     if (mFailedDownloadCount > 0) {
         LOG_INFO << "Got data after a failed download, resetting failed count";
@@ -257,7 +261,7 @@ void StreamingMediaBuffer::completionWritten(bool allWritten)
         return;
     }
     if (!allWritten) {
-        handleFailure(Failed, QStringLiteral("the last chunks did not reach the disk"));
+        handleFailure(Failed, mWriteError.isEmpty() ? QStringLiteral("the last chunks did not reach the disk") : mWriteError);
         return;
     }
     if (mContentLength > 0 && mContentLength != mWritten)
@@ -280,7 +284,7 @@ void StreamingMediaBuffer::downloadComplete(NetDownloader* nd, NetDownloader::St
         return;
     }
     const State target = failureState(nd, status);
-    const QString error = nd->errorString();
+    const QString error = (status == NetDownloader::Aborted && !mWriteError.isEmpty()) ? mWriteError : nd->errorString();
     LOG_INFO << QStringLiteral("error=%1, status=%2, statusCode=%3").arg(error).arg(int(status)).arg(nd->statusCode());
     dropDownloader();
     // Decide once every byte received is counted: the resume then starts after all of them,

@@ -38,7 +38,7 @@ void StreamingMediaPreloader::dataWritten(qint64 bytes, QString error)
 {
     if (bytes < 0)
         LOG_ERROR << "Failed to write to disk cache: " << error;
-    if (!acceptWriteReport(bytes))
+    if (!acceptWriteReport(bytes, error))
         return;
     if (mState == Initializing && isPastInitialThreshold(int(qMin<qint64>(mWritten, INT_MAX)))) {
         LOG_INFO << QStringLiteral("passed threshold with %1 bytes").arg(mWritten);

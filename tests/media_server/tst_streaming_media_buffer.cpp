@@ -11,6 +11,7 @@
 #include "platform/config/ConfigStore.h"
 #include "platform/io/FileUtils.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/SmallFileSystem.h"
 #include "tests/support/TestHttpServer.h"
 #include "vehicle/VehicleDataValues.h"
 
@@ -444,6 +445,31 @@ private slots:
         QCOMPARE(mServer.requestCount(kItem) - requestsBefore, requests);
         QVERIFY(!QFileInfo::exists(buffer.cacheFile()) || FileUtils::fileSize(buffer.cacheFile()) == 0);
         QCOMPARE(storesOf(QStringLiteral("failing")), 0);
+    }
+
+    // A disk that fills up mid-download: the download is resumed once from the bytes written,
+    // then fails, and the file holds only whole, correctly placed bytes of the resource.
+    void aFullDiskFailsWithAnIntactPrefix()
+    {
+        SmallFileSystem disk(folder(), "256k");
+        if (!disk.mounted())
+            QSKIP("cannot mount a small tmpfs here (needs CAP_SYS_ADMIN)");
+        const TestHttpResource resource = serve(600000);
+        mServer.setResource(kItem, resource);
+        setConfig(QStringLiteral("media_buffer/download_retries"), QStringLiteral("1"));
+        const int requestsBefore = mServer.requestCount(kItem);
+
+        StreamingMediaBuffer buffer(item(QStringLiteral("full disk")), {}, mCache);
+        buffer.start();
+        QTRY_COMPARE_WITH_TIMEOUT(buffer.state(), StreamingMediaBuffer::Failed, kWait);
+        QVERIFY(mLog->hasLineContaining(QStringLiteral("Failed to write to disk cache:")));
+        QVERIFY(mLog->hasLineContaining(QStringLiteral("failed with cannot write the cache file: ")));
+        QCOMPARE(mServer.requestCount(kItem) - requestsBefore, 2);
+        QVERIFY(rangesAsked(mServer, kItem).last().startsWith(QLatin1String("bytes=")));
+        QTRY_VERIFY_WITH_TIMEOUT(FileUtils::fileSize(buffer.cacheFile()) > 0, kWait);
+        const QByteArray kept = fileBytes(buffer.cacheFile());
+        QVERIFY(kept == resource.body.left(kept.size()));
+        QCOMPARE(storesOf(QStringLiteral("full disk")), 0);
     }
 
     // With internet use switched off, a broken download waits instead of retrying, and resumes
