@@ -295,6 +295,13 @@ void StreamingMediaBuffer::handOverToStreamCache()
     LOG_ASSERT(invoked, QStringLiteral("failed to invoke StreamCache::store"));
 }
 
+// A server may end a response early without an error (a 206 of its own choosing, a proxy):
+// a file shorter than the announced length is not complete.
+bool StreamingMediaBuffer::holdsWholeContent() const
+{
+    return mContentLength < 1 || mWritten == mContentLength;
+}
+
 // Every byte is on disk and the writer is gone before the cache hears of the file: it may
 // share the bytes through a hard link, so nothing may write to them afterwards.
 void StreamingMediaBuffer::completeFile(const QString& reason)

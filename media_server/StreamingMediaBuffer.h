@@ -131,6 +131,8 @@ protected:
     // follows once they are all on disk.
     void trimCachedFileToContentSize();
     void maybeWriteProgressInfo();
+    // The bytes written are the whole resource as far as its length is known.
+    bool holdsWholeContent() const;
     // Finished: the info file says complete, the writer is gone, the stream cache is told.
     void completeFile(const QString& reason);
     void handOverToStreamCache();

@@ -264,8 +264,10 @@ void StreamingMediaBuffer::completionWritten(bool allWritten)
         handleFailure(Failed, mWriteError.isEmpty() ? QStringLiteral("the last chunks did not reach the disk") : mWriteError);
         return;
     }
-    if (mContentLength > 0 && mContentLength != mWritten)
-        LOG_WARN << "the server announced " << mContentLength << " bytes and sent " << mWritten;
+    if (!holdsWholeContent()) {
+        handleFailure(Failed, QStringLiteral("the download ended after %1 of %2 bytes").arg(mWritten).arg(mContentLength));
+        return;
+    }
     emit bufferProgress(1.0, mWritten, mWritten);
     completeFile(QStringLiteral("download complete, ") + downloadStats());
 }

@@ -63,8 +63,8 @@ void StreamingMediaPreloader::downloadComplete(NetDownloader* nd, NetDownloader:
 
 void StreamingMediaPreloader::completionWritten(bool allWritten)
 {
-    if (!allWritten) {
-        failPreload(QStringLiteral("the last chunks did not reach the disk"));
+    if (!allWritten || !holdsWholeContent()) {
+        failPreload(QStringLiteral("%1 of %2 bytes reached the disk").arg(mWritten).arg(mContentLength));
         return;
     }
     LOG_INFO << "finished preloading";
