@@ -1,12 +1,13 @@
 // cabin-test-http-server: the tests' scriptable HTTP server on 127.0.0.1, for demos and manual
 // tests of streaming, buffering and radio. Runs until SIGTERM or SIGINT.
 //
-//   cabin-test-http-server [--port N] RESOURCE...
+//   cabin-test-http-server [--port N] [--log-requests] RESOURCE...
 //   RESOURCE: --serve PATH=FILE | --generate PATH=BYTES | --redirect PATH=LOCATION
 //     followed by modifiers of that resource: --no-length --no-ranges --chunked
 //     --rate BYTES_PER_S --stall-after N --close-after N --status CODE
 //     --icy [--icy-http10] [--metaint N] [--titles "A|B|C"] [--title-seconds N]
-// Prints "listening on http://127.0.0.1:PORT" once it listens.
+// Prints "listening on http://127.0.0.1:PORT" once it listens; with --log-requests, also each
+// request's request line and header lines, each prefixed "request: ", as it arrives.
 // Exit status: 0 normal end, 1 cannot listen, 2 usage error or unreadable file.
 
 #include "platform/core/SignalHandlers.h"
@@ -22,6 +23,7 @@ namespace {
 
 struct Options {
     quint16 port = 0;
+    bool logRequests = false;
     QList<QPair<QString, TestHttpResource>> resources;
 };
 
@@ -113,6 +115,10 @@ bool parse(QStringList args, Options& options)
         TestHttpResource* last = options.resources.isEmpty() ? nullptr : &options.resources.last().second;
         if (last && applyFlag(*last, option))
             continue;
+        if (option == QLatin1String("--log-requests")) {
+            options.logRequests = true;
+            continue;
+        }
         if (args.isEmpty())
             return false;
         const QString value = args.takeFirst();
@@ -129,6 +135,16 @@ bool parse(QStringList args, Options& options)
     return !options.resources.isEmpty();
 }
 
+// Shows what each client asked for, such as the Range header of a resumed download.
+void logRequests(TestHttpServer& server)
+{
+    QObject::connect(&server, &TestHttpServer::requestReceived, &server, [&server](const QString& path) {
+        for (const QByteArray& line : server.requestHeaders(path).constLast().split('\n'))
+            std::printf("request: %s\n", line.trimmed().constData());
+        std::fflush(stdout);
+    });
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -136,7 +152,7 @@ int main(int argc, char** argv)
     QCoreApplication app(argc, argv);
     Options options;
     if (!parse(app.arguments().mid(1), options)) {
-        std::fputs("usage: cabin-test-http-server [--port N] (--serve PATH=FILE | --generate PATH=BYTES | --redirect PATH=LOCATION) [modifiers]...\n"
+        std::fputs("usage: cabin-test-http-server [--port N] [--log-requests] (--serve PATH=FILE | --generate PATH=BYTES | --redirect PATH=LOCATION) [modifiers]...\n"
                    "  modifiers: --no-length --no-ranges --chunked --rate B/S --stall-after N --close-after N --status CODE\n"
                    "             --icy --icy-http10 --metaint N --titles \"A|B|C\" --title-seconds N\n", stderr);
         return 2;
@@ -145,6 +161,8 @@ int main(int argc, char** argv)
     TestHttpServer server;
     for (const auto& [path, resource] : options.resources)
         server.setResource(path, resource);
+    if (options.logRequests)
+        logRequests(server);
     if (!server.start(options.port))
         return 1;
     std::printf("listening on http://127.0.0.1:%u\n", server.port());
