@@ -46,6 +46,12 @@ void DownloadFileWriter::reserve(qint64 length)
     ++mPendingResizes;
 }
 
+void DownloadFileWriter::releaseReservedRoom()
+{
+    mWriter->resize(mFileEnd);
+    ++mPendingResizes;
+}
+
 void DownloadFileWriter::finish()
 {
     mFinishing = true;

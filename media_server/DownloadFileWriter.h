@@ -44,6 +44,8 @@ public:
     void finish();
     // Forget a finish() in progress: finished() will not come.
     void cancelFinish() { mFinishing = false; }
+    // Gives back the room reserved past fileEnd() (a download that stops short of its length).
+    void releaseReservedRoom();
     // The file's length once every append so far has landed.
     qint64 fileEnd() const { return mFileEnd; }
     qint64 backlogBytes() const;

@@ -52,7 +52,7 @@ StreamingMediaBuffer::~StreamingMediaBuffer()
     if (mDownloader)
         disconnect(mDownloader, nullptr, this, nullptr);
     delete mDownloader;
-    delete mFileWriter;
+    releaseFileWriter();
     delete mInfoWriter;
 }
 
@@ -84,8 +84,9 @@ bool StreamingMediaBuffer::isPastInitialThreshold(int bytes) const
 QString StreamingMediaBuffer::downloadStats() const
 {
     const double seconds = mStatsTimer.isValid() ? double(mStatsTimer.elapsed()) / 1000.0 : 0.0;
-    const double megabytes = double(mWritten) / (1024.0 * 1024.0);
-    const double kilobits = seconds > 0 ? double(mWritten) * 8.0 / 1000.0 / seconds : 0.0;
+    const qint64 bytes = qMax<qint64>(mWritten - mStatsStartBytes, 0);   // this run's, not an earlier run's
+    const double megabytes = double(bytes) / 1e6;
+    const double kilobits = seconds > 0 ? double(bytes) * 8.0 / 1000.0 / seconds : 0.0;
     QString stats = QStringLiteral("downloaded %1 MB in %2 seconds, avg rate %3 kb/s")
                         .arg(megabytes, 0, 'f', 2)
                         .arg(seconds, 0, 'f', 1)
@@ -149,11 +150,24 @@ void StreamingMediaBuffer::stop()
     mTimeoutTimer.stop();
     disconnect(&GUI_canUseInternet, &DataValue::valueChanged, this, &StreamingMediaBuffer::onConnectivityChange);
     dropDownloader();
-    if (mFileWriter)
-        mFileWriter->cancelFinish();
     mFailureWaiting = false;
     if (mState != Finished)
         writeInfoFile();
+    releaseFileWriter();
+}
+
+// Chunks still on their way land in the file (a later start resumes from its size), but their
+// reports no longer move this buffer's state, progress or info file, and the room reserved
+// for the whole length is given back rather than held by a stopped item.
+void StreamingMediaBuffer::releaseFileWriter()
+{
+    if (!mFileWriter)
+        return;
+    disconnect(mFileWriter, nullptr, this, nullptr);
+    mFileWriter->cancelFinish();
+    mFileWriter->releaseReservedRoom();
+    delete mFileWriter;
+    mFileWriter = nullptr;
 }
 
 bool StreamingMediaBuffer::readCacheInfo(const QString& key, StreamingMediaBufferInfo* info)
@@ -206,7 +220,10 @@ bool StreamingMediaBuffer::beginDownload(const QString& reason)
     createFileWriter();
     mThresholdTimer.start();
     mStatsTimer.start();
+    mStatsStartBytes = mWritten;
     setState(Initializing, reason);
+    if (mWritten > 0)
+        LOG_INFO << "resuming from byte " << mWritten << " of " << mContentLength;
     if (mContentLength > 0 && mWritten == mContentLength) {
         LOG_INFO << "the data file already holds all " << mWritten << " bytes";
         return false;
@@ -217,7 +234,8 @@ bool StreamingMediaBuffer::beginDownload(const QString& reason)
 
 void StreamingMediaBuffer::cleanupCacheDirectory()
 {
-    LOG_INFO << "keeping only the files of " << mMetadata.cacheKey << " and " << mOnDeckMetadata.cacheKey;
+    LOG_INFO << "keeping only the files of " << mMetadata.cacheKey
+             << (mOnDeckMetadata.cacheKey.isEmpty() ? QString() : QStringLiteral(" and ") + mOnDeckMetadata.cacheKey);
     MediaCacheFiles::keepOnlyFilesOf({mMetadata.cacheKey, mOnDeckMetadata.cacheKey});
 }
 

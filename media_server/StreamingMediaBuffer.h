@@ -158,6 +158,7 @@ protected:
 
 private:
     void createFileWriter();
+    void releaseFileWriter();
     void cleanupCacheDirectory();
     void connectDownloader();
     void holdDownload();
@@ -183,6 +184,7 @@ private:
     QString mFailureError;
     QString mWriteError;            // why a chunk of this download could not be written
     QElapsedTimer mLastInfoWrite;
+    qint64 mStatsStartBytes = 0;    // bytes the file held when this run's download began
     int mUnderruns = 0;
 };
 

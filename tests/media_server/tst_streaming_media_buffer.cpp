@@ -25,6 +25,8 @@
 
 #include <memory>
 
+#include <sys/stat.h>
+
 using MediaV2::MediaPlaybackMetadata;
 using MediaV2::StreamingMediaBuffer;
 using MediaV2::StreamingMediaBufferInfo;
@@ -49,6 +51,12 @@ QByteArray fileBytes(const QString& path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+qint64 allocatedBytes(const QString& path)
+{
+    struct stat info;
+    return ::stat(QFile::encodeName(path).constData(), &info) == 0 ? qint64(info.st_blocks) * 512 : -1;
 }
 
 void writeFile(const QString& path, const QByteArray& bytes)
@@ -589,6 +597,8 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(FileUtils::fileSize(preloader->cacheFile()) > 200000, kWait);
         preloader->stop();
         preloader.reset();
+        // The room reserved for the whole item is given back with the stop.
+        QTRY_VERIFY_WITH_TIMEOUT(allocatedBytes(MediaCacheFiles::cacheFileName(key)) < 600000, kWait);
 
         resource.bytesPerSecond = 0;
         mServer.setResource(kItem, resource);
