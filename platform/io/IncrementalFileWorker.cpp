@@ -69,8 +69,13 @@ void IncrementalFileWorker::write(const QByteArray& data)
         emit written(-1, mOpenError);
         return;
     }
+    if (mHoldWrites) {
+        emit written(-1, QStringLiteral("not written to %1: an earlier chunk failed and no seek followed").arg(mPath));
+        return;
+    }
     QString error;
     if (!writeChunk(data, &error)) {
+        mHoldWrites = true;
         emit written(-1, error);
         return;
     }
@@ -83,6 +88,7 @@ void IncrementalFileWorker::seek(qint64 position)
 {
     if (ensureOpen())
         mPosition = position;
+    mHoldWrites = false;
 }
 
 // Growing only reserves the blocks (so a full disk shows now, not in the middle of a

@@ -9,7 +9,9 @@
 // A chunk is all or nothing: one that cannot be written completely (full disk, file size limit,
 // I/O error) is reported as failed, the position stays where the chunk began, and any bytes it
 // added past the file's previous end are cut off again. So the file holds exactly the bytes
-// reported written, and a caller that retries or gives up never finds a torn tail.
+// reported written, and a caller that retries or gives up never finds a torn tail. The chunks
+// after a failed one would land in its place, so they fail too until the next seek(): the
+// caller decides where writing goes on.
 //
 // Thread: FileWriterThread; every slot runs there, in the order it was asked for.
 class IncrementalFileWorker : public QObject
@@ -43,4 +45,5 @@ private:
     qint64 mPosition = -1;   // -1 until the file is open: then its end
     qint64 mSize = -1;       // the file's length as this worker left it; -1 until open
     QString mOpenError;
+    bool mHoldWrites = false;   // a chunk failed; writes fail until the next seek()
 };

@@ -3,6 +3,8 @@
 #include "platform/io/FileWriterThread.h"
 #include "platform/io/IncrementalFileWorker.h"
 
+#include <QPointer>
+
 ThreadedIncrementalFileWriter::ThreadedIncrementalFileWriter(const QString& path, QObject* parent)
     : QObject(parent)
     , mPath(path)
@@ -35,7 +37,10 @@ void ThreadedIncrementalFileWriter::onWritten(qint64 bytes, const QString& error
 {
     if (!mPendingChunks.isEmpty())
         mBacklogBytes -= mPendingChunks.dequeue();
+    const QPointer<ThreadedIncrementalFileWriter> alive(this);
     emit dataWritten(bytes, error);
+    if (!alive)
+        return;   // a listener deleted the writer (its owner stopped)
     if (mBacklogIsHigh && mBacklogBytes <= kBacklogLowBytes) {
         mBacklogIsHigh = false;
         emit backlogLow();

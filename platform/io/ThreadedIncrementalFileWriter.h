@@ -9,8 +9,9 @@ class IncrementalFileWorker;
 // Writes a file piece by piece on the process's file-writer thread: each chunk goes at the
 // current position (at first the end of whatever the file already holds, so an interrupted
 // download is continued) and is reported with dataWritten(bytes, "") or dataWritten(-1, why).
-// A failed chunk leaves nothing of itself in the file (see IncrementalFileWorker), so the file
-// holds exactly the bytes reported written. resize() past the written end reserves room without
+// A failed chunk leaves nothing of itself in the file, and the chunks after it fail too until
+// the next seek() (see IncrementalFileWorker), so the file holds exactly the bytes reported
+// written, each at its place. resize() past the written end reserves room without
 // making the file look longer; resize() to the written size or below cuts the file there and
 // gives back every reserved block past the cut; see resized().
 //

@@ -175,7 +175,7 @@ void TestFileWriters::fullDiskIsReported()
             writer.write(QByteArray(32 * 1024, 'y'));
         const QStringList texts = reports(written, 4);
         QCOMPARE(texts.first(), QStringLiteral("32768:"));
-        QCOMPARE(texts.last(), QStringLiteral("-1:cannot write to %1: No space left on device").arg(path));
+        QCOMPARE(texts.filter(QStringLiteral("-1:")).first(), QStringLiteral("-1:cannot write to %1: No space left on device").arg(path));
         QCOMPARE(FileUtils::fileSize(path), reportedBytes(texts));
     }
 }
@@ -196,8 +196,11 @@ void TestFileWriters::fileSizeLimitIsReportedAndNoPartialChunkStays()
         QCOMPARE(reports(written, 3), (QStringList{"49152:", "49152:", "-1:cannot write to " + path + ": File too large"}));
     }
     QCOMPARE(readAll(path), QByteArray(chunk, 'a') + QByteArray(chunk, 'b'));
-    writer.write("after");   // the position stayed where the failed chunk began
-    QCOMPARE(reports(written, 4).last(), QStringLiteral("5:"));
+    writer.write("after");   // would land where the failed chunk belonged
+    QVERIFY(reports(written, 4).last().startsWith(QLatin1String("-1:")));
+    writer.seek(2 * chunk);  // the writer's owner says where writing goes on
+    writer.write("after");
+    QCOMPARE(reports(written, 5).last(), QStringLiteral("5:"));
     QCOMPARE(FileUtils::fileSize(path), qint64(2 * chunk + 5));
 }
 
