@@ -31,7 +31,7 @@ void DownloadFileWriter::append(const QByteArray& data)
 
 void DownloadFileWriter::restartAt(qint64 offset)
 {
-    mStaleReports += mWriter->pendingWrites();
+    mStaleReports = mWriter->pendingWrites();   // every chunk not yet reported, earlier stale ones included
     mWriter->resize(offset);
     ++mPendingResizes;
     mWriter->seek(offset);

@@ -159,14 +159,18 @@ void StreamingMediaBuffer::stop()
 // Chunks still on their way land in the file (a later start resumes from its size), but their
 // reports no longer move this buffer's state, progress or info file, and the room reserved
 // for the whole length is given back rather than held by a stopped item.
-void StreamingMediaBuffer::releaseFileWriter()
+void StreamingMediaBuffer::releaseFileWriter(bool giveBackRoom)
 {
     if (!mFileWriter)
         return;
     disconnect(mFileWriter, nullptr, this, nullptr);
     mFileWriter->cancelFinish();
-    mFileWriter->releaseReservedRoom();
-    delete mFileWriter;
+    if (giveBackRoom)
+        mFileWriter->releaseReservedRoom();
+    // stop() or the destructor may run inside one of the writer's own reports: it goes once
+    // that report has returned, not with this buffer.
+    mFileWriter->setParent(nullptr);
+    mFileWriter->deleteLater();
     mFileWriter = nullptr;
 }
 
@@ -221,6 +225,7 @@ bool StreamingMediaBuffer::beginDownload(const QString& reason)
     mThresholdTimer.start();
     mStatsTimer.start();
     mStatsStartBytes = mWritten;
+    mProgressMark = mWritten;
     setState(Initializing, reason);
     if (mWritten > 0)
         LOG_INFO << "resuming from byte " << mWritten << " of " << mContentLength;
@@ -241,7 +246,7 @@ void StreamingMediaBuffer::cleanupCacheDirectory()
 
 void StreamingMediaBuffer::createFileWriter()
 {
-    delete mFileWriter;
+    releaseFileWriter();
     mFileWriter = new DownloadFileWriter(cacheFile(), mWritten, this);
     connect(mFileWriter, &DownloadFileWriter::dataWritten, this, &StreamingMediaBuffer::dataWritten);
     connect(mFileWriter, &DownloadFileWriter::finished, this, &StreamingMediaBuffer::completionWritten);
@@ -249,16 +254,21 @@ void StreamingMediaBuffer::createFileWriter()
     connect(mFileWriter, &DownloadFileWriter::backlogLow, this, &StreamingMediaBuffer::releaseDownload);
 }
 
+// A download held back by a slow disk is not a silent server: no time-out while it waits.
 void StreamingMediaBuffer::holdDownload()
 {
-    if (mDownloader)
-        mDownloader->pause();
+    if (!mDownloader)
+        return;
+    mDownloader->pause();
+    mTimeoutTimer.stop();
 }
 
 void StreamingMediaBuffer::releaseDownload()
 {
-    if (mDownloader)
-        mDownloader->resume();
+    if (!mDownloader)
+        return;
+    mDownloader->resume();
+    mTimeoutTimer.start();
 }
 
 void StreamingMediaBuffer::setState(State state, const QString& reason)
@@ -327,8 +337,7 @@ void StreamingMediaBuffer::completeFile(const QString& reason)
     mContentLength = mWritten;
     setState(Finished, reason);
     writeInfoFile();
-    delete mFileWriter;
-    mFileWriter = nullptr;
+    releaseFileWriter(false);   // already trimmed: nothing touches the file from here on
     const QJsonObject description{{QStringLiteral("file"), cacheFile()}, {QStringLiteral("length"), mWritten}};
     mStoreData = QJsonDocument(description).toJson(QJsonDocument::Compact);
     handOverToStreamCache();

@@ -131,6 +131,9 @@ protected:
     // follows once they are all on disk.
     void trimCachedFileToContentSize();
     void maybeWriteProgressInfo();
+    // Lets go of the data file's writer: chunks on their way still land, but their reports no
+    // longer reach this buffer; with giveBackRoom the room reserved past them is freed too.
+    void releaseFileWriter(bool giveBackRoom = true);
     // The bytes written are the whole resource as far as its length is known.
     bool holdsWholeContent() const;
     // Finished: the info file says complete, the writer is gone, the stream cache is told.
@@ -158,7 +161,6 @@ protected:
 
 private:
     void createFileWriter();
-    void releaseFileWriter();
     void cleanupCacheDirectory();
     void connectDownloader();
     void holdDownload();
@@ -185,6 +187,7 @@ private:
     QString mWriteError;            // why a chunk of this download could not be written
     QElapsedTimer mLastInfoWrite;
     qint64 mStatsStartBytes = 0;    // bytes the file held when this run's download began
+    qint64 mProgressMark = 0;       // the most bytes the file has held; only passing it is progress
     int mUnderruns = 0;
 };
 

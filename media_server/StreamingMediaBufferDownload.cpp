@@ -230,10 +230,13 @@ void StreamingMediaBuffer::dataWritten(qint64 bytes, QString error)
         LOG_ERROR << "Failed to write to disk cache: " << error;
     if (!acceptWriteReport(bytes, error))
         return;
-    if (mFailedDownloadCount > 0) {
+    // Bytes fetched again after a server restarted the file are no progress: a connection that
+    // always breaks at the same point must still use up its retries.
+    if (mFailedDownloadCount > 0 && mWritten > mProgressMark) {
         LOG_INFO << "Got data after a failed download, resetting failed count";
         mFailedDownloadCount = 0;
     }
+    mProgressMark = qMax(mProgressMark, mWritten);
     if (mState == Initializing && isPastInitialThreshold(int(qMin<qint64>(mWritten, INT_MAX)))) {
         LOG_INFO << QStringLiteral("passed threshold with %1 bytes in %2 s").arg(mWritten).arg(double(mThresholdTimer.elapsed()) / 1000.0);
         setState(Buffering, QStringLiteral("passed threshold"));
@@ -257,8 +260,11 @@ void StreamingMediaBuffer::completionWritten(bool allWritten)
 {
     if (mFailureWaiting) {
         mFailureWaiting = false;
-        handleFailure(mFailureTarget, mFailureError);
-        return;
+        // An error reported after the last byte arrived leaves nothing to fetch.
+        if (!allWritten || mContentLength < 1 || !holdsWholeContent()) {
+            handleFailure(mFailureTarget, mFailureError);
+            return;
+        }
     }
     if (!allWritten) {
         handleFailure(Failed, mWriteError.isEmpty() ? QStringLiteral("the last chunks did not reach the disk") : mWriteError);
@@ -312,6 +318,7 @@ void StreamingMediaBuffer::handleFailure(State target, const QString& error)
         return;
     }
     ++mFailedDownloadCount;
+    mFailureTarget = target;   // the state to end in if the retries run out while waiting
     LOG_WARN << "Download failed [#" << mFailedDownloadCount << "] with error: " << error;
     if (!GUI_canUseInternet.value()) {
         waitForConnectivity();
@@ -334,7 +341,7 @@ void StreamingMediaBuffer::onConnectivityChange()
         return;
     disconnect(&GUI_canUseInternet, &DataValue::valueChanged, this, &StreamingMediaBuffer::onConnectivityChange);
     if (!maybeRetryDownload())
-        setState(Failed, QStringLiteral("tried to download %1 times").arg(mFailedDownloadCount));
+        setState(mFailureTarget, QStringLiteral("tried to download %1 times").arg(mFailedDownloadCount));
 }
 
 bool StreamingMediaBuffer::maybeRetryDownload()

@@ -77,6 +77,7 @@ void StreamingMediaPreloader::failPreload(const QString& error)
     LOG_WARN << "FAILED: " << error << " (completed with error)";
     setState(Failed, QStringLiteral("completed with error"));
     writeInfoFile();
+    releaseFileWriter();
     handOverToStreamCache();
     emit finished();
 }

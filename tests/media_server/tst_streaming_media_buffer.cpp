@@ -158,6 +158,8 @@ class TestStreamingMediaBuffer : public QObject
     }
     int storesOf(const QString& key) const
     {
+        // Every store already queued to the cache thread has arrived once this returns.
+        QMetaObject::invokeMethod(mCache, [] {}, Qt::BlockingQueuedConnection);
         int count = 0;
         for (const auto& store : mCache->stores())
             count += store.first == key ? 1 : 0;
@@ -328,14 +330,16 @@ private slots:
     void resumesWhereItStopped_data()
     {
         QTest::addColumn<bool>("processDies");     // else the server drops the connection
+        QTest::addColumn<bool>("stopFirst");       // the owner stops it from its progress report, then it dies
         QTest::addColumn<bool>("rangesHonoured");
-        QTest::newRow("dropped three times: resumed each time, the failed count reset by new data") << false << true;
-        QTest::newRow("the process dies half-way: the next start resumes") << true << true;
-        QTest::newRow("the process dies and the server then ignores ranges: starts over") << true << false;
+        QTest::newRow("dropped three times: resumed each time, the failed count reset by new data") << false << false << true;
+        QTest::newRow("stopped from its own progress report half-way: the next start resumes") << true << true << true;
+        QTest::newRow("the process dies and the server then ignores ranges: starts over") << true << false << false;
     }
     void resumesWhereItStopped()
     {
         QFETCH(bool, processDies);
+        QFETCH(bool, stopFirst);
         QFETCH(bool, rangesHonoured);
         const QString key = QStringLiteral("resume/%1").arg(QTest::currentDataTag());
         TestHttpResource resource = serve(800000);
@@ -350,9 +354,20 @@ private slots:
         auto buffer = std::make_unique<StreamingMediaBuffer>(item(key), MediaPlaybackMetadata(), mCache);
         BufferLog log;
         log.watch(buffer.get());
+        bool stopped = false;
+        if (stopFirst) {
+            StreamingMediaBuffer* running = buffer.get();
+            connect(running, &StreamingMediaBuffer::bufferProgress, running, [running, &stopped](qreal, qint64 bytes) {
+                if (bytes > 300000 && !stopped) {
+                    stopped = true;
+                    running->stop();
+                }
+            });
+        }
         buffer->start();
         if (processDies) {
             QTRY_VERIFY_WITH_TIMEOUT(!log.downloaded.isEmpty() && log.downloaded.last() > 300000, kWait);
+            QCOMPARE(stopped, stopFirst);
             QVERIFY(QFileInfo::exists(MediaCacheFiles::infoFileName(key)));
             buffer.reset();
             resource.bytesPerSecond = 0;
