@@ -4,6 +4,7 @@
 // file names and the info files it trusts.
 
 #include "media_server/MediaCacheFiles.h"
+#include "media_server/ResponseExtent.h"
 #include "media_server/StreamCache.h"
 #include "media_server/StreamingMediaBuffer.h"
 #include "media_server/StreamingMediaBufferInfo.h"
@@ -259,6 +260,34 @@ private slots:
         QString problem;
         QCOMPARE(StreamingMediaBufferInfo::read(QDir(folder()).filePath(QStringLiteral("none")), QStringLiteral("k"), &info, &problem),
                  StreamingMediaBufferInfo::Read::Absent);
+    }
+
+    // Where a response's body belongs and how long the resource is, from its headers.
+    void readsTheResponseExtent_data()
+    {
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QByteArray>("contentLength");
+        QTest::addColumn<QByteArray>("contentRange");
+        QTest::addColumn<qint64>("bodyStart");
+        QTest::addColumn<qint64>("total");
+        QTest::newRow("200: the whole resource from 0") << 200 << QByteArray("5000") << QByteArray() << qint64(0) << qint64(5000);
+        QTest::newRow("200 without a length: unknown") << 200 << QByteArray() << QByteArray() << qint64(0) << qint64(0);
+        QTest::newRow("206: the total from Content-Range") << 206 << QByteArray("3000") << QByteArray("bytes 2000-4999/5000") << qint64(2000) << qint64(5000);
+        QTest::newRow("206 from another byte than asked") << 206 << QByteArray("4000") << QByteArray("bytes 1000-4999/5000") << qint64(1000) << qint64(5000);
+        QTest::newRow("206 with an unknown total: start plus length") << 206 << QByteArray("3000") << QByteArray("bytes 2000-4999/*") << qint64(2000) << qint64(5000);
+        QTest::newRow("206 without Content-Range: the offset asked plus length") << 206 << QByteArray("3000") << QByteArray() << qint64(2000) << qint64(5000);
+        QTest::newRow("a length that is not a number: unknown") << 200 << QByteArray("lots") << QByteArray() << qint64(0) << qint64(0);
+    }
+    void readsTheResponseExtent()
+    {
+        QFETCH(int, status);
+        QFETCH(QByteArray, contentLength);
+        QFETCH(QByteArray, contentRange);
+        QFETCH(qint64, bodyStart);
+        QFETCH(qint64, total);
+        const MediaV2::ResponseExtent extent = MediaV2::ResponseExtent::of(2000, status, contentLength, contentRange);
+        QCOMPARE(extent.bodyStart, bodyStart);
+        QCOMPARE(extent.total, total);
     }
 
     // A download that runs to its end: progress only rises and reads 1.0 only at Finished, the
