@@ -159,6 +159,7 @@ const char* const kTable[] = {
     "media_buffer/underrun_threshold_ms\tint\t5000",
     "media_fifo/buffer_size\tint\t51200",
     "media_fifo/ring_buffer_size\tint\t1048576",
+    "media_fifo/title_charset\tstring\tlatin1",
     "media_server/trace_player_sm\tbool\ttrue",
     "mediaserver/cache_hit_access_time_threshold_seconds\tint\t600",
     "mediaserver/cache_key\tstring\t",
