@@ -5,7 +5,6 @@
 #include "platform/log/LogLine.h"
 
 #include <QCryptographicHash>
-#include <QFile>
 #include <QFileInfo>
 
 namespace MediaV2 {
@@ -27,31 +26,10 @@ QString infoFileName(const QString& key)
     return QStringLiteral("%1/%2_info.txt").arg(StorageUtils::mediaCacheFolder(), hashForKey(key));
 }
 
-namespace {
-
-// A kept file's temporary sibling ("<name>.XXXXXX", an info file being replaced) is kept too,
-// or the replacement in flight would fail.
-bool isKept(const QString& file, const QSet<QString>& keep)
-{
-    if (keep.contains(file))
-        return true;
-    for (const QString& kept : keep)
-        if (file.startsWith(kept + QLatin1Char('.')))
-            return true;
-    return false;
-}
-
-} // namespace
-
 void cleanupDirectory(const QString& dir, const QSet<QString>& keep)
 {
-    for (const QString& file : FileUtils::plainFiles(dir)) {
-        if (isKept(file, keep))
-            continue;
+    for (const QString& file : FileUtils::removeFilesExcept(dir, keep))
         LOG_INFO << "Deleting " << file;
-        if (!QFile::remove(file))
-            LOG_WARN << "could not delete " << file;
-    }
 }
 
 void keepOnlyFilesOf(const QStringList& keys)

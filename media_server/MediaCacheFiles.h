@@ -20,7 +20,7 @@ QString cacheFileName(const QString& key);
 // "<folder>/<hash>_info.txt": the StreamingMediaBufferInfo of the data file.
 QString infoFileName(const QString& key);
 
-// Removes every plain file of `dir` whose absolute path is not in `keep`, logging each.
+// FileUtils::removeFilesExcept, logging each file removed.
 void cleanupDirectory(const QString& dir, const QSet<QString>& keep);
 // Leaves only the files of these keys in the media cache folder (empty keys are skipped), and
 // empties and removes the alternate folder an earlier layout used. Long-term keeping is the

@@ -34,11 +34,21 @@ QStringList plainFiles(const QString& folder)
     return files;
 }
 
+// A kept file's temporary sibling ("<name>.XXXXXX", its replacement being written by a
+// ThreadedFileWriter) is kept too, or the replacement in flight would fail.
+static bool isKept(const QString& file, const QSet<QString>& keep)
+{
+    if (keep.contains(file))
+        return true;
+    const int dot = file.lastIndexOf(QLatin1Char('.'));
+    return dot > 0 && keep.contains(file.left(dot));
+}
+
 QStringList removeFilesExcept(const QString& folder, const QSet<QString>& keep)
 {
     QStringList removed;
     for (const QString& file : plainFiles(folder))
-        if (!keep.contains(file) && QFile::remove(file))
+        if (!isKept(file, keep) && QFile::remove(file))
             removed.append(file);
     return removed;
 }

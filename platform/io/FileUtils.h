@@ -16,8 +16,8 @@ qint64 fileSize(const QString& path);
 qint64 freeDiskSpaceMb(const QString& path);
 // The plain files directly in `folder` (no sub-folders), as absolute paths, unsorted.
 QStringList plainFiles(const QString& folder);
-// Removes every plain file of `folder` whose absolute path is not in `keep`; returns the
-// removed paths.
+// Removes every plain file of `folder` whose absolute path is not in `keep` (nor a kept
+// file's "<path>.XXXXXX" replacement in progress); returns the removed paths.
 QStringList removeFilesExcept(const QString& folder, const QSet<QString>& keep);
 // Removes a folder and everything in it; true when it is gone (or was never there).
 bool removeFolder(const QString& folder);

@@ -251,7 +251,7 @@ void TestFileWriters::contentIsReplacedWhole()
 void TestFileWriters::filesOutsideTheKeepSetAreRemoved()
 {
     QTemporaryDir dir;
-    for (const char* name : {"a_cache", "a_info.txt", "b_cache"})
+    for (const char* name : {"a_cache", "a_info.txt", "a_info.txt.Xy12Zw", "b_cache"})
         QFile(dir.filePath(QLatin1String(name))).open(QIODevice::WriteOnly);
     QDir(dir.path()).mkdir(QStringLiteral("sub"));
     const QStringList removed = FileUtils::removeFilesExcept(dir.path(), {dir.filePath(QStringLiteral("a_cache")),
