@@ -4,8 +4,8 @@
 // of the same chunks into a buffer of the chunk's size.
 //
 // extract() works in place, so each chunk is first copied into a QByteArray whose capacity is
-// reused from chunk to chunk (only after a block was cut from a chunk's very front does Qt
-// allocate anew on the next resize, about once in a hundred chunks). That copy is timed as part
+// reused from chunk to chunk (only after a block was cut from a chunk's very front, when a
+// chunk starts inside a block, does Qt allocate anew on the next resize). That copy is timed as part
 // of ours, and it is exactly the floor's work: the figures compare "copy + extract" with
 // "copy", both over the same input bytes, and the difference is what the extractor costs.
 //
