@@ -7,6 +7,8 @@
 #include <QStringList>
 #include <QUtf8StringView>
 
+#include <cstring>
+
 namespace MediaV2 {
 
 namespace {
@@ -40,43 +42,54 @@ void MetadataExtractor::setMetadataInterval(int interval)
     LOG_INFO << "[MetadataExtractor] setMetadataInterval: " << interval;
 }
 
-// Blocks sit at fixed distances in the audio, so the cursor jumps from one length byte to the
+// Blocks sit at fixed distances in the audio, so the reader jumps from one length byte to the
 // next; a block cut by the chunk's end continues at the start of the next chunk. Where the next
 // length byte lies is carried over as a distance, not derived from the audio count: a chunk
 // that ends exactly before a length byte and one that ends exactly after a block have the
 // same count modulo the interval, yet the next length byte is at 0 in the one and at the
-// interval in the other.
+// interval in the other. Each run of audio is moved once, to where the kept bytes end, so a
+// chunk with several blocks costs no more than one copy of itself.
 QHash<QString, QString> MetadataExtractor::extract(QByteArray& data)
 {
     QHash<QString, QString> result;
     if (mInterval == 0)
         return result;
-    qint64 cursor = 0;
-    if (mRemaining == 0) {
-        cursor = mUntilBlock;
-        if (cursor < 0) {
-            LOG_ASSERT(cursor >= 0, QStringLiteral("extractMetadata(): cursor is negative: %1").arg(cursor));
-            return result;
-        }
+    if (mRemaining == 0 && mUntilBlock < 0) {
+        LOG_ASSERT(mUntilBlock >= 0, QStringLiteral("extractMetadata(): cursor is negative: %1").arg(mUntilBlock));
+        return result;
     }
-    while (cursor < data.size()) {
-        qint64 start = cursor;
-        if (mRemaining == 0) {
-            mRemaining = int(quint8(data.at(cursor))) * 16;
-            start = cursor + 1;
+    char* bytes = data.data();
+    const qint64 size = data.size();
+    qint64 read = 0;
+    qint64 kept = 0;
+    while (read < size) {
+        if (mRemaining == 0 && mUntilBlock > 0) {
+            const qint64 run = qMin(mUntilBlock, size - read);
+            std::memmove(bytes + kept, bytes + read, size_t(run));
+            kept += run;
+            read += run;
+            mUntilBlock -= run;
+            continue;
         }
-        const qint64 take = qMin<qint64>(mRemaining, data.size() - start);
-        mBlock.append(data.constData() + start, take);
-        data.remove(cursor, (start - cursor) + take);
+        if (mRemaining == 0) {
+            mRemaining = int(quint8(bytes[read++])) * 16;
+            if (mRemaining == 0) {
+                mUntilBlock = mInterval;   // an empty block: nothing new to say
+                continue;
+            }
+        }
+        const qint64 take = qMin<qint64>(mRemaining, size - read);
+        mBlock.append(bytes + read, take);
+        read += take;
         mRemaining -= int(take);
-        if (mRemaining == 0 && !mBlock.isEmpty()) {
+        if (mRemaining == 0) {
             convertMetadataBlock(mBlock, result);
             mBlock.clear();
+            mUntilBlock = mInterval;
         }
-        cursor += mInterval;
     }
-    mUntilBlock = cursor - data.size();
-    mAudioBytes += quint64(data.size());
+    data.truncate(kept);
+    mAudioBytes += quint64(kept);
     return result;
 }
 
