@@ -72,6 +72,8 @@ void TestHttpConnection::respond(const TestHttpResource& resource)
         return;
     mResponse = std::make_unique<TestHttpResponse>(resource, mRequestHeader);
     mSocket->write(mResponse->head());
+    if (resource.icy && resource.icyBurstBytes > 0)
+        sendSlice(resource.icyBurstBytes);
     mSinceAnswer.start();
     if (mResponse->bytesPerSecond() > 0)
         mPaceTimer.start();

@@ -29,4 +29,7 @@ struct TestHttpResource {
     QStringList icyTitles;           // StreamTitle values, rotating
     int icyTitleSeconds = 5;         // each title lasts this long
     QByteArray icyName = "Test Radio";  // icy-name header
+    // Live streams: audio bytes sent at once on connect, before the pace starts, as streaming
+    // servers do so that a player can start without waiting (commonly 64 KiB).
+    qint64 icyBurstBytes = 0;
 };

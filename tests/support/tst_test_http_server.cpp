@@ -144,6 +144,16 @@ private slots:
         QCOMPARE(audio.left(1554), pattern(777) + pattern(777));
         QCOMPARE(client.socket.state(), QAbstractSocket::ConnectedState);
     }
+
+    // A station's burst on connect: at 1000 B/s the paced stream alone would take 40 s.
+    void icyBurstComesAtOnce()
+    {
+        mServer->setResource("/burst", item(777, [](TestHttpResource& r) {
+            r.icy = true; r.bytesPerSecond = 1000; r.icyBurstBytes = 40000;
+        }));
+        RawClient client(mServer->port(), "/burst", "");
+        QVERIFY(QTest::qWaitFor([&] { return client.body().size() >= 40000; }, 20000));
+    }
 };
 
 QTEST_GUILESS_MAIN(TestTestHttpServer)

@@ -5,7 +5,7 @@
 //   RESOURCE: --serve PATH=FILE | --generate PATH=BYTES | --redirect PATH=LOCATION
 //     followed by modifiers of that resource: --no-length --no-ranges --chunked
 //     --rate BYTES_PER_S --stall-after N --close-after N --status CODE
-//     --icy [--icy-http10] [--metaint N] [--titles "A|B|C"] [--title-seconds N]
+//     --icy [--icy-http10] [--metaint N] [--titles "A|B|C"] [--title-seconds N] [--burst BYTES]
 // Prints "listening on http://127.0.0.1:PORT" once it listens; with --log-requests, also each
 // request's request line and header lines, each prefixed "request: ", as it arrives.
 // Exit status: 0 normal end, 1 cannot listen, 2 usage error or unreadable file.
@@ -91,6 +91,7 @@ bool applyValue(TestHttpResource& resource, const QString& option, const QString
         {QStringLiteral("--rate"), &TestHttpResource::bytesPerSecond},
         {QStringLiteral("--stall-after"), &TestHttpResource::stallAfter},
         {QStringLiteral("--close-after"), &TestHttpResource::closeAfter},
+        {QStringLiteral("--burst"), &TestHttpResource::icyBurstBytes},
     };
     static const QHash<QString, int TestHttpResource::*> numbers{
         {QStringLiteral("--status"), &TestHttpResource::status},
