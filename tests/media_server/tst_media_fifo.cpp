@@ -69,11 +69,30 @@ QList<int> range(int first, int last)
     return seconds;
 }
 
+// Counts the bytes an element's source pad passes downstream (on the streaming thread).
+struct PassedBytes {
+    std::atomic<qint64> bytes{0};
+
+    void watch(GstElement* element)
+    {
+        GstPad* pad = gst_element_get_static_pad(element, "src");
+        gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, &PassedBytes::counted, this, nullptr);
+        gst_object_unref(pad);
+    }
+    static GstPadProbeReturn counted(GstPad*, GstPadProbeInfo* info, gpointer self)
+    {
+        static_cast<PassedBytes*>(self)->bytes += qint64(gst_buffer_get_size(GST_PAD_PROBE_INFO_BUFFER(info)));
+        return GST_PAD_PROBE_OK;
+    }
+};
+
 // A FIFO feeding a player that records to a WAV file, wired as the server wires them.
 struct LivePlayback {
     std::unique_ptr<GStreamerPlayer> player;
     std::unique_ptr<GStreamerMediaFIFO> fifo;
     QStringList titles;
+    GstElement* source = nullptr;   // the appsrc, referenced
+    PassedBytes passed;
 
     LivePlayback(const QUrl& url, const QString& wav)
     {
@@ -82,6 +101,10 @@ struct LivePlayback {
         player = std::make_unique<GStreamerPlayer>();
         fifo = std::make_unique<GStreamerMediaFIFO>(liveItem(url));
         QObject::connect(player.get(), &GStreamerPlayer::newSourceElement, fifo.get(), &GStreamerMediaFIFO::playerHasNewSourceElement);
+        QObject::connect(player.get(), &GStreamerPlayer::newSourceElement, player.get(), [this](GstElement* element) {
+            source = GST_ELEMENT(gst_object_ref(element));
+            passed.watch(source);
+        });
         QObject::connect(fifo.get(), &GStreamerMediaFIFO::metadataChanged, fifo.get(), [this] {
             titles.append(fifo->getAvailableMetadata().title);
         });
@@ -94,6 +117,9 @@ struct LivePlayback {
     {
         player.reset();
         fifo.reset();
+        if (source)
+            gst_object_unref(source);
+        source = nullptr;
     }
 };
 
@@ -105,9 +131,7 @@ public:
     {
         mPipeline = gst_parse_launch("appsrc name=src ! fakesink sync=false", nullptr);
         mSource = gst_bin_get_by_name(GST_BIN(mPipeline), "src");
-        GstPad* pad = gst_element_get_static_pad(mSource, "src");
-        gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, &BareAppSrc::counted, this, nullptr);
-        gst_object_unref(pad);
+        mPassed.watch(mSource);
     }
     ~BareAppSrc()
     {
@@ -122,19 +146,13 @@ public:
     {
         guint64 queued = 0;
         g_object_get(mSource, "current-level-bytes", &queued, nullptr);
-        return qint64(queued) + mPassed.load();
+        return qint64(queued) + mPassed.bytes.load();
     }
 
 private:
-    static GstPadProbeReturn counted(GstPad*, GstPadProbeInfo* info, gpointer self)
-    {
-        static_cast<BareAppSrc*>(self)->mPassed += qint64(gst_buffer_get_size(GST_PAD_PROBE_INFO_BUFFER(info)));
-        return GST_PAD_PROBE_OK;
-    }
-
     GstElement* mPipeline = nullptr;
     GstElement* mSource = nullptr;
-    std::atomic<qint64> mPassed{0};
+    PassedBytes mPassed;
 };
 
 } // namespace
@@ -322,8 +340,9 @@ void TestMediaFIFO::stationThatEndsIsAnError()
 }
 
 // GStreamer's streaming thread keeps asking a FIFO for data while the main thread stops and
-// deletes it; the pipeline outlives the FIFO each time. Run under the sanitizers, this is
-// where a callback reaching a freed FIFO would show.
+// deletes it; the pipeline outlives the FIFO each time, and is fed a little silence by hand
+// afterwards: each time the appsrc runs dry again it asks the deleted FIFO for more. Run under
+// the sanitizers, this is where a callback reaching a freed FIFO would show.
 void TestMediaFIFO::deletedWhileDataFlows()
 {
     mServer.setResource(QStringLiteral("/flowing"), station(mPcm, 4 * kPcmRate, 8000));
@@ -336,7 +355,13 @@ void TestMediaFIFO::deletedWhileDataFlows()
         QTRY_VERIFY_WITH_TIMEOUT(log.lines().filter(QStringLiteral("needData(")).size() > round % 4, kWaitMs);
         live.fifo->stop();
         live.fifo.reset();
-        QCoreApplication::processEvents();   // calls posted before the delete must go nowhere
+        for (int i = 0; i < 3; ++i) {
+            const qint64 before = live.passed.bytes;
+            GstBuffer* silence = gst_buffer_new_and_alloc(4096);
+            gst_buffer_memset(silence, 0, 0, 4096);
+            QCOMPARE(gst_app_src_push_buffer(GST_APP_SRC(live.source), silence), GST_FLOW_OK);
+            QTRY_VERIFY_WITH_TIMEOUT(live.passed.bytes > before, kWaitMs);
+        }
         live.finish();
     }
     QVERIFY(log.assertMessages().isEmpty());
