@@ -50,7 +50,8 @@ TestHttpResource station(const QByteArray& audio, qint64 bytesPerSecond, int met
     resource.body = audio;
     resource.bytesPerSecond = bytesPerSecond;
     resource.icyMetaInt = metaInt;
-    resource.icyTitles = QStringList{QStringLiteral("one"), QStringLiteral("two"), QStringLiteral("three")};
+    // An empty title between two: it changes nothing and is not reported.
+    resource.icyTitles = QStringList{QStringLiteral("one"), QString(), QStringLiteral("two")};
     resource.icyTitleSeconds = 1;
     return resource;
 }
