@@ -1,9 +1,20 @@
-// Source selection and underrun control. The wrapper class is built on these settings; they
-// live here, beside the code that reads them.
+#include "media_server/CachingGStreamerWrapper.h"
 
+#include "media_server/GStreamerMediaFIFO.h"
+#include "media_server/MediaServerDataValues.h"
+#include "media_server/StreamCache.h"
+#include "media_server/StreamingMediaPreloader.h"
 #include "platform/config/ConfigBoolValue.h"
 #include "platform/config/ConfigIntValue.h"
 #include "platform/config/ConfigStringValue.h"
+#include "platform/core/SimpleTThread.h"
+#include "platform/log/LogLine.h"
+#include "platform/log/Logger.h"
+
+#include <QDateTime>
+#include <QFileInfo>
+
+namespace MediaV2 {
 
 namespace {
 
@@ -23,3 +34,287 @@ ConfigStringValue sCacheKeyOverride("mediaserver/cache_key", QString());
 ConfigStringValue sPreloadCacheKeyOverride("mediaserver/preload_cache_key", QString());
 
 } // namespace
+
+CachingGStreamerWrapper::CachingGStreamerWrapper(QObject* parent)
+    : QObject(parent)
+{
+    mStreamCacheThread = new SimpleTThread(QStringLiteral("StreamCacheThread"), true);
+    mStreamCache = new StreamCache(StreamCache::configuredMaxSize(), StreamCache::configuredMaxCount());
+    mStreamCache->moveToThread(mStreamCacheThread);
+    mStreamCacheThread->start(QThread::InheritPriority);
+    connect(mStreamCache, &StreamCache::streamFileFound, this, &CachingGStreamerWrapper::onStreamFileFound, Qt::QueuedConnection);
+    if (!QMetaObject::invokeMethod(mStreamCache, "init", Qt::QueuedConnection))
+        LOG_ASSERT(false, QStringLiteral("failed to invoke StreamCache::init"));
+    connect(&mPlayer, &GStreamerPlayer::mediaStatusChanged, this, &CachingGStreamerWrapper::mediaStatusChanged);
+    connect(&mPlayer, &GStreamerPlayer::stateChanged, this, &CachingGStreamerWrapper::stateChanged);
+    connect(&mPlayer, &GStreamerPlayer::positionChanged, this, &CachingGStreamerWrapper::positionChanged);
+    connect(&mPlayer, &GStreamerPlayer::metaDataChanged, this, &CachingGStreamerWrapper::metaDataChanged);
+    connect(&mPlayer, &GStreamerPlayer::positionChanged, this, &CachingGStreamerWrapper::gstreamerPositionChanged);
+    connect(&mPlayer, &GStreamerPlayer::bufferProgress, this, &CachingGStreamerWrapper::gstreamerBufferProgress);
+    emit bufferProgress(0, 0, 0);
+}
+
+// The stream cache and its thread end with the process (their finalisers), not with the wrapper.
+CachingGStreamerWrapper::~CachingGStreamerWrapper() = default;
+
+bool CachingGStreamerWrapper::setMedia(const MediaPlaybackMetadata& current, const MediaPlaybackMetadata& onDeck)
+{
+    mMetadata = current;
+    mOnDeckMetadata = onDeck;
+    if (!sCacheKeyOverride.value().isEmpty())
+        mMetadata.cacheKey = sCacheKeyOverride.value();
+    if (!sPreloadCacheKeyOverride.value().isEmpty())
+        mOnDeckMetadata.cacheKey = sPreloadCacheKeyOverride.value();
+    cleanup();
+    mMediaSet = false;
+    mStopRequested = false;
+    mBufferProgress = 0.0;
+    mPosition = 0;
+    LOG_INFO << "setMedia" << " mMetadata: " << mMetadata.toJSON();
+    LOG_INFO << " mOnDeckMetadata: " << mOnDeckMetadata.toJSON();
+    emit bufferProgress(0, 0, 0);
+    if (mMetadata.liveStream && sAllowFifo.value())
+        return setLiveMedia();
+    if (mMetadata.cacheKey.isEmpty()) {
+        LOG_INFO << "not a live stream, and can't cache -> NOT using streaming media buffer";
+        MEDIA2_streamCached.setValue(false);
+        return mPlayer.setMedia(cleanupUrl(mMetadata.url), false);
+    }
+    if (!mMetadata.shouldCache) {
+        MEDIA2_streamCached.setValue(false);
+        startStreamingMediaBuffer();
+        return true;
+    }
+    findStream(mMetadata.cacheKey);
+    return true;
+}
+
+bool CachingGStreamerWrapper::setLiveMedia()
+{
+    LOG_INFO << "live stream -> using FIFO";
+    mMediaFIFO = new GStreamerMediaFIFO(mMetadata);
+    connect(&mPlayer, &GStreamerPlayer::newSourceElement, mMediaFIFO, &GStreamerMediaFIFO::playerHasNewSourceElement,
+            Qt::QueuedConnection);
+    connect(mMediaFIFO, &GStreamerMediaFIFO::metadataChanged, this, &CachingGStreamerWrapper::metaDataChanged);
+    mMediaFIFO->start();
+    MEDIA2_streamCached.setValue(false);
+    return mPlayer.setMedia(QUrl(QStringLiteral("appsrc://")), false);
+}
+
+void CachingGStreamerWrapper::findStream(const QString& key)
+{
+    if (!QMetaObject::invokeMethod(mStreamCache, "findStream", Qt::QueuedConnection, Q_ARG(QString, key)))
+        LOG_ASSERT(false, QStringLiteral("failed to invoke StreamCache::findStream"));
+}
+
+QUrl CachingGStreamerWrapper::cleanupUrl(const QString& url)
+{
+    if (url.startsWith(QLatin1Char('/')))
+        return QUrl::fromLocalFile(url);
+    return QUrl(url);
+}
+
+bool CachingGStreamerWrapper::playMediaFile(const QString& path)
+{
+    const QUrl url(QStringLiteral("file://%1").arg(path));
+    bool result = mPlayer.setMedia(url, false);
+    if (result)
+        result = mPlayer.play(0, false);
+    return result;
+}
+
+bool CachingGStreamerWrapper::play(qint64 pos)
+{
+    mStopRequested = false;
+    return mPlayer.play(pos, false);
+}
+
+bool CachingGStreamerWrapper::pause()
+{
+    mStopRequested = false;
+    return mPlayer.pause(false);
+}
+
+bool CachingGStreamerWrapper::seek(qint64 pos)
+{
+    mStopRequested = false;
+    return mPlayer.seek(pos);
+}
+
+bool CachingGStreamerWrapper::stop()
+{
+    mStopRequested = true;
+    return mPlayer.stop(false, GStreamerPlayer::Error);
+}
+
+bool CachingGStreamerWrapper::stopMediaFile()
+{
+    return mPlayer.stop(false, GStreamerPlayer::Error);
+}
+
+GStreamerMediaMetadata CachingGStreamerWrapper::getAvailableMetadata() const
+{
+    GStreamerMediaMetadata metadata = mPlayer.getAvailableMetadata();
+    if (mMediaFIFO && !mMediaFIFO->getAvailableMetadata().title.isEmpty())
+        metadata.title = mMediaFIFO->getAvailableMetadata().title;
+    return metadata;
+}
+
+void CachingGStreamerWrapper::onStreamFileFound(bool inCache, QString file, qint64 timeSeconds)
+{
+    if (mLookingUpOnDeck) {
+        mLookingUpOnDeck = false;
+        if (inCache)
+            LOG_INFO << "Skipping preload since already in cache";
+        else
+            startPreloadingOnDeck();
+        return;
+    }
+    if (!inCache) {
+        startStreamingMediaBuffer();
+        MEDIA2_streamCached.setValue(false);
+        return;
+    }
+    playFromCache(file, timeSeconds);
+}
+
+// A replay of a file used within the threshold is not counted as the cache saving a download.
+void CachingGStreamerWrapper::playFromCache(const QString& file, qint64 timeSeconds)
+{
+    const qint64 size = QFileInfo(file).size();
+    emit bufferProgress(1.0, size, size);
+    const QUrl url = QUrl::fromLocalFile(file);
+    mPlayer.setMedia(url, false);
+    LOG_INFO << "Cached in StreamCache, playing from " << url.toString();
+    const qint64 idleSeconds = QDateTime::currentMSecsSinceEpoch() / 1000 - timeSeconds;
+    const bool counted = idleSeconds > sCacheHitAccessTimeThreshold.value();
+    if (!mOnDeckMetadata.url.isEmpty())
+        initPreloadingOnDeck();
+    MEDIA2_streamCached.setValue(counted);
+}
+
+void CachingGStreamerWrapper::startStreamingMediaBuffer()
+{
+    LOG_INFO << "not live stream, can cache -> using streaming media buffer";
+    mMediaBuffer = new StreamingMediaBuffer(mMetadata, mOnDeckMetadata, mStreamCache);
+    connect(mMediaBuffer, &StreamingMediaBuffer::bufferStateChanged, this, &CachingGStreamerWrapper::mediaBufferStateChanged);
+    connect(mMediaBuffer, &StreamingMediaBuffer::bufferProgress, this, &CachingGStreamerWrapper::mediaBufferProgress);
+    mMediaBuffer->start();
+}
+
+void CachingGStreamerWrapper::mediaBufferStateChanged(StreamingMediaBuffer::State state)
+{
+    if ((state == StreamingMediaBuffer::Buffering || state == StreamingMediaBuffer::Finished) && !mMediaSet) {
+        LOG_INFO << "Buffer has made sufficient progress -> setMedia()";
+        mMediaSet = true;
+        mPlayer.setMedia(QUrl::fromLocalFile(mMediaBuffer->cacheFile()), false);
+    }
+    if (state == StreamingMediaBuffer::Failed || state == StreamingMediaBuffer::Timeout || state == StreamingMediaBuffer::Forbidden) {
+        LOG_INFO << "Stopping since buffering failed";
+        const GStreamerPlayer::State error = state == StreamingMediaBuffer::Timeout     ? GStreamerPlayer::ErrorTimeout
+                                             : state == StreamingMediaBuffer::Forbidden ? GStreamerPlayer::ErrorForbidden
+                                                                                        : GStreamerPlayer::Error;
+        mPlayer.stop(true, error);
+    }
+    if (state == StreamingMediaBuffer::Finished && !mOnDeckMetadata.url.isEmpty())
+        initPreloadingOnDeck();
+}
+
+void CachingGStreamerWrapper::initPreloadingOnDeck()
+{
+    mLookingUpOnDeck = true;
+    findStream(mOnDeckMetadata.cacheKey);
+}
+
+void CachingGStreamerWrapper::startPreloadingOnDeck()
+{
+    mPreloader = new StreamingMediaPreloader(mOnDeckMetadata, mStreamCache);
+    mPreloader->start();
+}
+
+void CachingGStreamerWrapper::mediaBufferProgress(qreal percent, qint64 downloadedBytes, qint64 totalBytes)
+{
+    emit bufferProgress(percent, downloadedBytes, totalBytes);
+    mBufferProgress = percent;
+    checkForUnderrun();
+}
+
+void CachingGStreamerWrapper::gstreamerBufferProgress(qreal percent)
+{
+    if (!mMetadata.cacheKey.isEmpty())
+        return;
+    emit bufferProgress(percent, 0, 0);
+    mBufferProgress = percent;
+}
+
+void CachingGStreamerWrapper::gstreamerPositionChanged(qint64 ms)
+{
+    mPosition = ms;
+    checkForUnderrun();
+}
+
+// Pauses strictly below the underrun threshold and resumes strictly above the resume
+// threshold (or once the download is complete): between the two nothing changes, so a
+// marginal link does not make playback stutter.
+void CachingGStreamerWrapper::checkForUnderrun()
+{
+    if (mMetadata.duration <= 0 || !mMediaBuffer || mMediaBuffer->state() == StreamingMediaBuffer::Uninitialized
+        || mMediaBuffer->state() == StreamingMediaBuffer::Initializing)
+        return;
+    const int ahead = int(double(mMetadata.duration) * mBufferProgress - double(mPosition));
+    const bool finished = mMediaBuffer->state() == StreamingMediaBuffer::Finished;
+    if (!finished && ahead < sUnderrunThresholdMs.value() && mPlayer.getState() == GStreamerPlayer::Playing) {
+        LOG_INFO << "Buffer underrun, pausing";
+        mPlayer.pause(true);
+        mMediaBuffer->playerPausedForUnderrun();
+        return;
+    }
+    const GStreamerPlayer::MediaStatus status = mPlayer.getMediaStatus();
+    if (mPlayer.getState() != GStreamerPlayer::Playing
+        && (status == GStreamerPlayer::Buffering || status == GStreamerPlayer::Buffered)
+        && (ahead > sResumePlayThresholdMs.value() || finished) && !mStopRequested) {
+        LOG_INFO << "Buffer passed threshold after underrun, resuming playback";
+        mPlayer.play(0, true);
+        mMediaBuffer->playerRecoveredAfterUnderrun();
+    }
+}
+
+void CachingGStreamerWrapper::cleanup()
+{
+    cleanupMediaBuffers();
+    cleanupMediaFIFO();
+}
+
+void CachingGStreamerWrapper::cleanupMediaBuffer(StreamingMediaBuffer* buffer)
+{
+    if (!buffer)
+        return;
+    disconnect(this, nullptr, buffer, nullptr);
+    buffer->stop();
+    disconnect(buffer, nullptr, this, nullptr);
+    buffer->deleteLater();
+}
+
+void CachingGStreamerWrapper::cleanupMediaBuffers()
+{
+    LOG_INFO << "cleanupMediaBuffer()";
+    cleanupMediaBuffer(mMediaBuffer);
+    mMediaBuffer = nullptr;
+    cleanupMediaBuffer(mPreloader);
+    mPreloader = nullptr;
+}
+
+void CachingGStreamerWrapper::cleanupMediaFIFO()
+{
+    if (!mMediaFIFO)
+        return;
+    LOG_INFO << "cleanupMediaFIFO()";
+    disconnect(this, nullptr, mMediaFIFO, nullptr);
+    disconnect(&mPlayer, nullptr, mMediaFIFO, nullptr);
+    disconnect(mMediaFIFO, nullptr, this, nullptr);
+    mMediaFIFO->stop();
+    mMediaFIFO->deleteLater();
+    mMediaFIFO = nullptr;
+}
+
+} // namespace MediaV2
