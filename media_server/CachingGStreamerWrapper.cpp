@@ -93,12 +93,14 @@ bool CachingGStreamerWrapper::setLiveMedia()
 {
     LOG_INFO << "live stream -> using FIFO";
     mMediaFIFO = new GStreamerMediaFIFO(mMetadata);
-    connect(&mPlayer, &GStreamerPlayer::newSourceElement, mMediaFIFO, &GStreamerMediaFIFO::playerHasNewSourceElement,
-            Qt::QueuedConnection);
+    // Not queued: the engine emits on this thread while the pipeline holds the element, and a
+    // queued call would carry a pointer nobody holds any more.
+    connect(&mPlayer, &GStreamerPlayer::newSourceElement, mMediaFIFO, &GStreamerMediaFIFO::playerHasNewSourceElement);
     connect(mMediaFIFO, &GStreamerMediaFIFO::metadataChanged, this, &CachingGStreamerWrapper::metaDataChanged);
     mMediaFIFO->start();
     MEDIA2_streamCached.setValue(false);
-    return mPlayer.setMedia(QUrl(QStringLiteral("appsrc://")), false);
+    // Live: a station that stops is an error, not the end of an item.
+    return mPlayer.setMedia(QUrl(QStringLiteral("appsrc://")), true);
 }
 
 void CachingGStreamerWrapper::findStream(const QString& key)

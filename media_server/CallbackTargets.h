@@ -15,7 +15,8 @@ namespace MediaV2 {
 // touching the object, and a number that was removed (or never added) reaches nothing. Nothing
 // is allocated per registration that a late callback could read after it was freed.
 //
-// Thread: any. Owns nothing (the objects belong to their owners). Lock: sLock guards the table;
+// Thread: any. Owns nothing (the objects belong to their owners); the table itself is never
+// destroyed, so a late callback at exit still finds it. Lock: one mutex guards the table;
 // the call made under it must only post (QMetaObject::invokeMethod queued), never wait.
 class CallbackTargets
 {

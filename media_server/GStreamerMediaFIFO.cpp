@@ -51,6 +51,7 @@ void GStreamerMediaFIFO::start()
 
 void GStreamerMediaFIFO::stop()
 {
+    mStopped = true;
     cleanup();
 }
 
@@ -62,12 +63,19 @@ void GStreamerMediaFIFO::playerHasNewSourceElement(GstElement* element)
     }
     releaseAppSrc();
     mAppSrc = GST_APP_SRC(gst_object_ref(element));
+    // A new source (the pipeline was stopped and started again) starts afresh, and may already
+    // have asked for data before it was handed over.
+    mWantsData = true;
+    mEndOfStreamSent = false;
+    mByteOffset = 0;
     gst_app_src_set_callbacks(mAppSrc, &mCallbacks, reinterpret_cast<gpointer>(mCallbackId), nullptr);
     guint64 maxBytes = 0;
     g_object_get(mAppSrc, "max-bytes", &maxBytes, nullptr);
     mMaxBytes = int(qMin<guint64>(maxBytes, std::numeric_limits<int>::max()));
     gst_app_src_set_stream_type(mAppSrc, GST_APP_STREAM_TYPE_STREAM);
     gst_app_src_set_size(mAppSrc, -1);
+    if (!mBuffering || mDownloadEnded)
+        feedGStreamer();
     endStreamIfDrained();
 }
 
@@ -87,6 +95,8 @@ QString GStreamerMediaFIFO::flowReturnToString(GstFlowReturn flow)
 
 void GStreamerMediaFIFO::urlResolved(QString requested, QString resolved)
 {
+    if (mStopped)
+        return;   // an answer posted before stop()
     LOG_INFO << "resolved " << requested << " -> " << resolved;
     delete mResolver;
     mResolver = nullptr;
@@ -112,7 +122,7 @@ void GStreamerMediaFIFO::downloadMetadataChanged()
         value.truncate(nul);
     bool ok = false;
     const uint interval = value.trimmed().toUInt(&ok);
-    if (ok)
+    if (ok && interval > 0)   // 0: the station sends no titles after all
         mExtractor.setMetadataInterval(int(qMin<uint>(interval, std::numeric_limits<int>::max())));
 }
 
@@ -146,7 +156,7 @@ void GStreamerMediaFIFO::consumeMetadata(const QHash<QString, QString>& pairs)
 void GStreamerMediaFIFO::downloadComplete(NetDownloader* downloader, NetDownloader::Status status)
 {
     LOG_INFO << "the stream ended: " << QMetaEnum::fromType<NetDownloader::Status>().valueToKey(status) << " "
-             << downloader->errorString();
+             << (downloader ? downloader->errorString() : QString());
     mDownloadEnded = true;
     feedGStreamer();
     endStreamIfDrained();
@@ -171,7 +181,7 @@ void GStreamerMediaFIFO::feedGStreamer()
 {
     if (!mWantsData || !mRing || !mAppSrc)
         return;
-    const int n = qMin(mRing->used(), mMaxBytes);
+    const int n = mMaxBytes > 0 ? qMin(mRing->used(), mMaxBytes) : mRing->used();   // 0 = no limit
     if (n == 0)
         return;
     GstBuffer* buffer = gst_buffer_new_allocate(nullptr, gsize(n), nullptr);

@@ -26,9 +26,11 @@ class MediaFIFORingBuffer;
 // Flow: start() resolves the URL (a station playlist gives its first stream), then downloads
 // with "Icy-MetaData: 1". Every chunk loses its title blocks and is queued in the ring. Pushing
 // waits for a need-data from the appsrc and for more than "media_fifo/buffer_size" bytes in the
-// ring; each need-data re-enters that buffering, so a trickle is never pushed byte by byte.
-// One buffer of at most the appsrc's "max-bytes" is pushed per feed; enough-data holds pushing
-// back until the next need-data.
+// ring. Each need-data pushes what is queued once and re-enters that buffering, so arriving
+// chunks are held until the threshold is passed again instead of being pushed one by one.
+// One buffer of at most the appsrc's "max-bytes" (0: no limit) is pushed per feed;
+// enough-data holds pushing back until the next need-data. A new appsrc (the pipeline was
+// restarted) starts afresh: it wants data, and gets what is queued once buffering is over.
 //
 // Decisions:
 // - A dequeue that comes up short drops the buffer instead of pushing unfilled bytes.
@@ -99,6 +101,7 @@ private:
     bool mBuffering = true;
     bool mDownloadEnded = false;
     bool mEndOfStreamSent = false;
+    bool mStopped = false;               // stop() was called: nothing starts again
     MetadataExtractor mExtractor;
     GStreamerMediaMetadata mMetadata;
 };

@@ -30,7 +30,7 @@ bool MediaFIFORingBuffer::enqueue(const char* data, int size)
     const int first = qMin(size, mCapacity - mWritePos);
     std::memcpy(mStorage.data() + mWritePos, data, size_t(first));
     std::memcpy(mStorage.data(), data + first, size_t(size - first));
-    mWritePos = (mWritePos + size) % mCapacity;
+    mWritePos = int((qint64(mWritePos) + size) % mCapacity);
     mUsed += size;
     return true;
 }
@@ -45,7 +45,7 @@ bool MediaFIFORingBuffer::dequeue(char* out, int size)
     const int first = qMin(size, mCapacity - mReadPos);
     std::memcpy(out, mStorage.constData() + mReadPos, size_t(first));
     std::memcpy(out + first, mStorage.constData(), size_t(size - first));
-    mReadPos = (mReadPos + size) % mCapacity;
+    mReadPos = int((qint64(mReadPos) + size) % mCapacity);
     mUsed -= size;
     return true;
 }
