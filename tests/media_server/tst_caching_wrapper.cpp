@@ -3,7 +3,7 @@
 // gets, and how a failed download stops the engine.
 
 #include "media_server/CachingGStreamerWrapper.h"
-#include "platform/config/ConfigStore.h"
+#include "tests/support/TestConfig.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/SteppedTone.h"
 #include "tests/support/TestHttpServer.h"
@@ -19,13 +19,6 @@ namespace {
 
 // Generous: under the sanitizers, with other suites running, everything is several times slower.
 const int kWaitMs = 60000;
-
-void setConfig(const char* key, const QVariant& value)
-{
-    QString error;
-    if (!ConfigStore::instance()->set(QString::fromLatin1(key), value.toString(), &error))
-        qFatal("%s", qPrintable(error));
-}
 
 } // namespace
 

@@ -5,6 +5,7 @@
 #include "media_server/GStreamerPlayer.h"
 #include "media_server/LogFunction.h"
 #include "platform/config/ConfigStore.h"
+#include "tests/support/TestConfig.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/SteppedTone.h"
 #include "tests/support/WavReader.h"
@@ -19,13 +20,6 @@ namespace {
 const int kItemSeconds = 5;
 // Generous: under the sanitizers, with other suites running, decoding is several times slower.
 const int kEndTimeoutMs = 60000;
-
-void setConfig(const char* key, const QString& value)
-{
-    QString error;
-    if (!ConfigStore::instance()->set(QString::fromLatin1(key), value, &error))
-        qFatal("%s", qPrintable(error));
-}
 
 // A player whose audio goes to `wav`, in real time (synced) or as fast as the CPU allows.
 std::unique_ptr<GStreamerPlayer> makePlayer(const QString& wav, bool realTime)

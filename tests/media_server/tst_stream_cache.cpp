@@ -6,6 +6,7 @@
 #include "platform/config/ConfigStore.h"
 #include "platform/core/Finalizer.h"
 #include "platform/core/SimpleTThread.h"
+#include "tests/support/TestConfig.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/SmallFileSystem.h"
 
@@ -26,12 +27,6 @@ using MediaV2::StreamCache;
 namespace {
 
 constexpr qint64 kMiB = 1024 * 1024;
-
-void setConfig(const QString& key, const QVariant& value)
-{
-    QString error;
-    QVERIFY2(ConfigStore::instance()->set(key, value.toString(), &error), qPrintable(error));
-}
 
 QByteArray readAll(const QString& path)
 {

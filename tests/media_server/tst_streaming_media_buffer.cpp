@@ -11,6 +11,7 @@
 #include "media_server/StreamingMediaPreloader.h"
 #include "platform/config/ConfigStore.h"
 #include "platform/io/FileUtils.h"
+#include "tests/support/TestConfig.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/SmallFileSystem.h"
 #include "tests/support/TestHttpServer.h"
@@ -137,11 +138,6 @@ class TestStreamingMediaBuffer : public QObject
     std::unique_ptr<LogCapture> mLog;
 
     QString folder() const { return mFolder->path(); }
-    void setConfig(const QString& key, const QString& value)
-    {
-        QString error;
-        QVERIFY2(ConfigStore::instance()->set(key, value, &error), qPrintable(error));
-    }
     MediaPlaybackMetadata item(const QString& key, const QString& path = kItem) const
     {
         MediaPlaybackMetadata metadata;
@@ -253,7 +249,6 @@ private slots:
         }
         QCOMPARE(info.written, qint64(0));   // nothing of a damaged file is taken
     }
-
 
     // Where a response's body belongs and how long the resource is, from its headers.
     void readsTheResponseExtent_data()
