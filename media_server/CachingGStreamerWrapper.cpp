@@ -54,8 +54,17 @@ CachingGStreamerWrapper::CachingGStreamerWrapper(QObject* parent)
     emit bufferProgress(0, 0, 0);
 }
 
-// The stream cache and its thread end with the process (their finalisers), not with the wrapper.
-CachingGStreamerWrapper::~CachingGStreamerWrapper() = default;
+// The cache goes with its thread: the lookups and stores already queued run first, then the
+// cache is deleted on its own thread as the thread ends, and the thread is joined. An answer
+// posted to this wrapper meanwhile is dropped with it. (At process exit the finalisers have
+// already closed the cache and stopped the thread; this finds them done.)
+CachingGStreamerWrapper::~CachingGStreamerWrapper()
+{
+    cleanup();
+    disconnect(mStreamCache, nullptr, this, nullptr);
+    mStreamCache->deleteLater();
+    delete mStreamCacheThread;
+}
 
 bool CachingGStreamerWrapper::setMedia(const MediaPlaybackMetadata& current, const MediaPlaybackMetadata& onDeck)
 {
@@ -70,6 +79,8 @@ bool CachingGStreamerWrapper::setMedia(const MediaPlaybackMetadata& current, con
     mStopRequested = false;
     mBufferProgress = 0.0;
     mPosition = 0;
+    mPendingStartMs = 0;
+    supersedePendingLookups();
     LOG_INFO << "setMedia" << " mMetadata: " << mMetadata.toJSON();
     LOG_INFO << " mOnDeckMetadata: " << mOnDeckMetadata.toJSON();
     emit bufferProgress(0, 0, 0);
@@ -85,7 +96,7 @@ bool CachingGStreamerWrapper::setMedia(const MediaPlaybackMetadata& current, con
         startStreamingMediaBuffer();
         return true;
     }
-    findStream(mMetadata.cacheKey);
+    findStream(mMetadata.cacheKey, CurrentItem);
     return true;
 }
 
@@ -103,10 +114,18 @@ bool CachingGStreamerWrapper::setLiveMedia()
     return mPlayer.setMedia(QUrl(QStringLiteral("appsrc://")), true);
 }
 
-void CachingGStreamerWrapper::findStream(const QString& key)
+void CachingGStreamerWrapper::findStream(const QString& key, Lookup lookup)
 {
-    if (!QMetaObject::invokeMethod(mStreamCache, "findStream", Qt::QueuedConnection, Q_ARG(QString, key)))
+    if (QMetaObject::invokeMethod(mStreamCache, "findStream", Qt::QueuedConnection, Q_ARG(QString, key)))
+        mPendingLookups.enqueue(lookup);
+    else
         LOG_ASSERT(false, QStringLiteral("failed to invoke StreamCache::findStream"));
+}
+
+void CachingGStreamerWrapper::supersedePendingLookups()
+{
+    for (Lookup& lookup : mPendingLookups)
+        lookup = Superseded;
 }
 
 QUrl CachingGStreamerWrapper::cleanupUrl(const QString& url)
@@ -125,10 +144,31 @@ bool CachingGStreamerWrapper::playMediaFile(const QString& path)
     return result;
 }
 
+// A start position the download has not reached yet is held, not handed to the engine: the
+// engine would check it against a duration estimated from the file so far, refuse it and
+// play from the start. The engine waits paused and buffering, and checkForUnderrun() plays
+// from the position once the resume threshold is downloaded beyond it.
 bool CachingGStreamerWrapper::play(qint64 pos)
 {
     mStopRequested = false;
+    if (pos > 0 && growingFileLacks(pos)) {
+        LOG_INFO << "start position " << pos << " ms not downloaded yet, waiting for it";
+        mPendingStartMs = pos;
+        return mPlayer.pause(true);
+    }
+    mPendingStartMs = 0;
     return mPlayer.play(pos, false);
+}
+
+bool CachingGStreamerWrapper::growingFileLacks(qint64 pos) const
+{
+    return mMediaBuffer && mMediaBuffer->state() != StreamingMediaBuffer::Finished && mMetadata.duration > 0
+        && downloadedMs() - pos <= sResumePlayThresholdMs.value();
+}
+
+qint64 CachingGStreamerWrapper::downloadedMs() const
+{
+    return qint64(double(mMetadata.duration) * mBufferProgress);
 }
 
 bool CachingGStreamerWrapper::pause()
@@ -164,8 +204,12 @@ GStreamerMediaMetadata CachingGStreamerWrapper::getAvailableMetadata() const
 
 void CachingGStreamerWrapper::onStreamFileFound(bool inCache, QString file, qint64 timeSeconds)
 {
-    if (mLookingUpOnDeck) {
-        mLookingUpOnDeck = false;
+    // The cache answers each lookup once, in the order asked; an answer for an item that has been
+    // replaced since is dropped. An answer nobody asked for is taken for the current item.
+    const Lookup lookup = mPendingLookups.isEmpty() ? CurrentItem : mPendingLookups.dequeue();
+    if (lookup == Superseded)
+        return;
+    if (lookup == OnDeckItem) {
         if (inCache)
             LOG_INFO << "Skipping preload since already in cache";
         else
@@ -220,12 +264,15 @@ void CachingGStreamerWrapper::mediaBufferStateChanged(StreamingMediaBuffer::Stat
     }
     if (state == StreamingMediaBuffer::Finished && !mOnDeckMetadata.url.isEmpty())
         initPreloadingOnDeck();
+    // The last progress report came before Finished, and a paused engine reports no position:
+    // without this, a download ending during an underrun would never resume playback.
+    if (state == StreamingMediaBuffer::Finished)
+        checkForUnderrun();
 }
 
 void CachingGStreamerWrapper::initPreloadingOnDeck()
 {
-    mLookingUpOnDeck = true;
-    findStream(mOnDeckMetadata.cacheKey);
+    findStream(mOnDeckMetadata.cacheKey, OnDeckItem);
 }
 
 void CachingGStreamerWrapper::startPreloadingOnDeck()
@@ -263,7 +310,8 @@ void CachingGStreamerWrapper::checkForUnderrun()
     if (mMetadata.duration <= 0 || !mMediaBuffer || mMediaBuffer->state() == StreamingMediaBuffer::Uninitialized
         || mMediaBuffer->state() == StreamingMediaBuffer::Initializing)
         return;
-    const int ahead = int(double(mMetadata.duration) * mBufferProgress - double(mPosition));
+    // While a start position is held, the engine's position is not where playback will begin.
+    const qint64 ahead = downloadedMs() - qMax(mPosition, mPendingStartMs);
     const bool finished = mMediaBuffer->state() == StreamingMediaBuffer::Finished;
     if (!finished && ahead < sUnderrunThresholdMs.value() && mPlayer.getState() == GStreamerPlayer::Playing) {
         LOG_INFO << "Buffer underrun, pausing";
@@ -276,7 +324,8 @@ void CachingGStreamerWrapper::checkForUnderrun()
         && (status == GStreamerPlayer::Buffering || status == GStreamerPlayer::Buffered)
         && (ahead > sResumePlayThresholdMs.value() || finished) && !mStopRequested) {
         LOG_INFO << "Buffer passed threshold after underrun, resuming playback";
-        mPlayer.play(0, true);
+        mPlayer.play(mPendingStartMs, true);
+        mPendingStartMs = 0;
         mMediaBuffer->playerRecoveredAfterUnderrun();
     }
 }

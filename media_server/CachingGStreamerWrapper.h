@@ -5,6 +5,7 @@
 #include "media_server/StreamingMediaBuffer.h"
 
 #include <QObject>
+#include <QQueue>
 #include <QString>
 #include <QUrl>
 
@@ -22,16 +23,20 @@ class StreamingMediaPreloader;
 // the engine it compares the audio downloaded ahead of the play position with two thresholds:
 // below "media_buffer/underrun_threshold_ms" it pauses the engine for an underrun, above
 // "media_buffer/resume_play_threshold_ms" (or when the download finished) it resumes it, unless
-// the client stopped playback. Once the current item is complete, the item expected next is
-// looked up in the cache and preloaded when it is not there.
+// the client stopped playback. A start position beyond the download is held the same way,
+// paused, until the resume threshold is downloaded beyond it. Once the current item is
+// complete, the item expected next is looked up in the cache and preloaded when it is not there.
 //
 // Decisions:
 // - While a FIFO feeds the engine, getAvailableMetadata() is the engine's record with the
 //   station's current title in it: the FIFO cuts the titles out of the stream, so the engine
 //   never sees them.
-// - The stream cache thread stops itself at shutdown (platform finalisation), after the cache
-//   has closed; the wrapper lives as long as the process, so no answer arrives at a destroyed
-//   wrapper.
+// - The stream cache and its thread end with the wrapper (after the calls already queued to
+//   them) or at shutdown in the platform's finalisation, whichever comes first; the cache's
+//   answers come queued, so none reaches a destroyed wrapper.
+// - The cache answers lookups one by one in the order asked; the wrapper keeps the list of
+//   lookups it is waiting for, so an answer about an item replaced meanwhile is dropped rather
+//   than taken for the new item.
 //
 // Thread: main thread, like the engine, the buffers, the preloader and the FIFO it owns. The
 // stream cache lives on "StreamCacheThread" and is reached only by queued invocations; its
@@ -69,8 +74,10 @@ public:
     // A string starting with "/" is a local file; anything else is parsed as a URL as it stands.
     static QUrl cleanupUrl(const QString& url);
 
-    // For tests: the engine, the current buffer and preloader (null when there is none).
+    // For tests: the engine, the stream cache, the current buffer and preloader (null when
+    // there is none).
     GStreamerPlayer* player() { return &mPlayer; }
+    StreamCache* streamCache() const { return mStreamCache; }
     StreamingMediaBuffer* mediaBuffer() const { return mMediaBuffer; }
     StreamingMediaPreloader* preloader() const { return mPreloader; }
 
@@ -92,8 +99,12 @@ private:
     void startStreamingMediaBuffer();
     void initPreloadingOnDeck();
     void startPreloadingOnDeck();
-    void findStream(const QString& key);
+    enum Lookup { CurrentItem, OnDeckItem, Superseded };
+    void findStream(const QString& key, Lookup lookup);
+    void supersedePendingLookups();
     void checkForUnderrun();
+    bool growingFileLacks(qint64 pos) const;
+    qint64 downloadedMs() const;
     void cleanupMediaBuffer(StreamingMediaBuffer* buffer);
     void cleanupMediaBuffers();
     void cleanupMediaFIFO();
@@ -109,9 +120,10 @@ private:
     bool mStopRequested = false;
     double mBufferProgress = 0.0;
     qint64 mPosition = 0;
+    qint64 mPendingStartMs = 0;   // a start position held until the download reaches it
     StreamCache* mStreamCache = nullptr;
     SimpleTThread* mStreamCacheThread = nullptr;
-    bool mLookingUpOnDeck = false;
+    QQueue<Lookup> mPendingLookups;   // the cache's answers still to come, oldest first
     GStreamerMediaFIFO* mMediaFIFO = nullptr;
 };
 

@@ -1,24 +1,62 @@
-// The source-selection wrapper with the real engine (to a silent sink), the loopback server,
-// real disk buffers and a real stream cache in a temporary folder: which source each item
-// gets, and how a failed download stops the engine.
+// The source-selection wrapper with the real engine (to a silent sink or a WAV file), the
+// loopback server, real disk buffers and a real stream cache in a temporary folder: which source
+// each item gets, a growing file played whole through underruns, the resume rules, the next
+// item preloaded into the cache, the cache-hit rule, failed downloads and the tear-down of an
+// item's downloads.
 
 #include "media_server/CachingGStreamerWrapper.h"
+#include "media_server/MediaServerDataValues.h"
+#include "media_server/StreamCache.h"
+#include "media_server/StreamCacheLocation.h"
+#include "media_server/StreamingMediaPreloader.h"
+#include "platform/config/ConfigStore.h"
 #include "tests/support/TestConfig.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/SteppedTone.h"
 #include "tests/support/TestHttpServer.h"
+#include "tests/support/WavReader.h"
 
+#include <QDateTime>
+#include <QPointer>
 #include <QTemporaryDir>
 #include <QtTest>
 
 using MediaV2::CachingGStreamerWrapper;
 using MediaV2::GStreamerPlayer;
 using MediaV2::MediaPlaybackMetadata;
+using MediaV2::StreamingMediaBuffer;
 
 namespace {
 
 // Generous: under the sanitizers, with other suites running, everything is several times slower.
 const int kWaitMs = 60000;
+// Items played in real time take their length, pauses included, on top of that.
+const int kPlayWaitMs = 180000;
+// MP3 at 128 kbit/s: bytes per second of audio.
+const qint64 kMp3BytesPerSecond = 16000;
+
+QList<int> secondsIn(const QString& wav)
+{
+    WavReader reader;
+    QString error;
+    if (!reader.load(wav, &error))
+        qWarning("%s", qPrintable(error));
+    return reader.steppedSeconds();
+}
+
+QList<int> range(int first, int last)
+{
+    QList<int> seconds;
+    for (int k = first; k <= last; ++k)
+        seconds.append(k);
+    return seconds;
+}
+
+QByteArray contentsOf(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
 
 } // namespace
 
@@ -27,13 +65,28 @@ class TestCachingWrapper : public QObject
     Q_OBJECT
 private slots:
     void initTestCase();
+    void init();
     void choosesTheSource_data();
     void choosesTheSource();
     void failedDownloadStopsTheEngine_data();
     void failedDownloadStopsTheEngine();
+    void playsAGrowingFileWhole_data();
+    void playsAGrowingFileWhole();
+    void resumesOnlyWhenItShould_data();
+    void resumesOnlyWhenItShould();
+    void preloadsTheNextItem_data();
+    void preloadsTheNextItem();
+    void dropsTheAnswerForAReplacedItem();
+    void countsACacheHitAfterTheIdleTime_data();
+    void countsACacheHitAfterTheIdleTime();
+    void newItemTearsDownTheOldDownloads_data();
+    void newItemTearsDownTheOldDownloads();
 
 private:
     MediaPlaybackMetadata item(const QString& path, const QString& key) const;
+    void serve(const QString& path, const QString& file, qint64 bytesPerSecond);
+    void renewWrapper(const QString& sink);
+    void waitForTheCache();
 
     QTemporaryDir mDir;
     TestHttpServer mServer;
@@ -46,22 +99,48 @@ void TestCachingWrapper::initTestCase()
     QString error;
     mMp3 = SteppedTone::file(SteppedTone::Format::Mp3, 3, &error);
     QVERIFY2(!mMp3.isEmpty(), qPrintable(error));
-    QFile file(mMp3);
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    TestHttpResource resource;
-    resource.body = file.readAll();
-    mServer.setResource(QStringLiteral("/item.mp3"), resource);
+    serve(QStringLiteral("/item.mp3"), mMp3, 0);
     TestHttpResource radio;
     radio.icy = true;
-    radio.body = resource.body;
+    radio.body = contentsOf(mMp3);
     mServer.setResource(QStringLiteral("/radio"), radio);
     QVERIFY(mServer.start());
+}
+
+void TestCachingWrapper::init()
+{
+    ConfigStore::instance()->clearOverrides();
     setConfig("storage/media_cache_folder", mDir.filePath(QStringLiteral("media")));
     setConfig("mediaserver/stream_cache_db_file", mDir.filePath(QStringLiteral("cache/stream_cache.db")));
     setConfig("mediaserver/stream_cache_required_free_disk_space_mb", 0);
-    setConfig("media_buffer/initial_threshold_bytes", 1000);
-    setConfig("gstreamer/audio_sink", QStringLiteral("fakesink sync=false"));
+    // Prompt position reports keep the underrun checks close to the audio.
+    setConfig("gstreamer/bus_poll_interval", 20);
+    setConfig("gstreamer/progress_poll_interval", 50);
+    if (!mWrapper)
+        renewWrapper(QStringLiteral("fakesink sync=true"));
+}
+
+// A wrapper whose engine renders to `sink`; the previous one (and its cache thread) goes first.
+void TestCachingWrapper::renewWrapper(const QString& sink)
+{
+    mWrapper.reset();
+    setConfig("gstreamer/audio_sink", sink);
     mWrapper = std::make_unique<CachingGStreamerWrapper>();
+}
+
+void TestCachingWrapper::serve(const QString& path, const QString& file, qint64 bytesPerSecond)
+{
+    TestHttpResource resource;
+    resource.body = contentsOf(file);
+    resource.bytesPerSecond = bytesPerSecond;
+    mServer.setResource(path, resource);
+}
+
+// Every call already queued to the stream cache has run, and its answer has been delivered.
+void TestCachingWrapper::waitForTheCache()
+{
+    QVERIFY(QMetaObject::invokeMethod(mWrapper->streamCache(), [] {}, Qt::BlockingQueuedConnection));
+    QCoreApplication::sendPostedEvents();
 }
 
 MediaPlaybackMetadata TestCachingWrapper::item(const QString& path, const QString& key) const
@@ -125,24 +204,226 @@ void TestCachingWrapper::choosesTheSource()
 void TestCachingWrapper::failedDownloadStopsTheEngine_data()
 {
     QTest::addColumn<int>("status");
+    QTest::addColumn<qint64>("stallAfter");
     QTest::addColumn<int>("engineState");
-    QTest::newRow("not found") << 404 << int(GStreamerPlayer::Error);
-    QTest::newRow("forbidden") << 403 << int(GStreamerPlayer::ErrorForbidden);
+    QTest::newRow("not found") << 404 << qint64(-1) << int(GStreamerPlayer::Error);
+    QTest::newRow("forbidden") << 403 << qint64(-1) << int(GStreamerPlayer::ErrorForbidden);
+    QTest::newRow("silent server: time-out") << 200 << qint64(2000) << int(GStreamerPlayer::ErrorTimeout);
 }
 
 void TestCachingWrapper::failedDownloadStopsTheEngine()
 {
     QFETCH(int, status);
+    QFETCH(qint64, stallAfter);
     QFETCH(int, engineState);
     TestHttpResource refused;
     refused.status = status;
-    refused.body = "no";
-    const QString path = QStringLiteral("/refused-%1").arg(status);
+    refused.body = contentsOf(mMp3);
+    refused.stallAfter = stallAfter;
+    const QString path = QStringLiteral("/refused-%1-%2").arg(status).arg(stallAfter);
     mServer.setResource(path, refused);
     setConfig("media_buffer/download_retries", 0);
+    setConfig("media_buffer/download_timeout", 500);
     MediaPlaybackMetadata current = item(path, path);
     QVERIFY(mWrapper->setMedia(current, MediaPlaybackMetadata()));
     QTRY_COMPARE_WITH_TIMEOUT(int(mWrapper->getState()), engineState, kWaitMs);
+}
+
+// Played from the growing file with the default thresholds while the download runs slower than
+// real time, or stops for 6 s, or from a start position not downloaded yet: every second from
+// the start position on, once and in order; paused before the download ran dry (or held at the
+// start position) and resumed by itself; no early end.
+void TestCachingWrapper::playsAGrowingFileWhole_data()
+{
+    QTest::addColumn<qint64>("bytesPerSecond");
+    QTest::addColumn<qint64>("stallAfter");
+    QTest::addColumn<int>("stallMs");
+    QTest::addColumn<int>("seconds");
+    QTest::addColumn<int>("startSecond");
+    // 10 s of audio buffered before playback and 0.7x after it: the underrun comes at 16.7 s.
+    QTest::newRow("downloaded at 0.7x real time") << kMp3BytesPerSecond * 7 / 10 << qint64(-1) << 0 << 24 << 0;
+    QTest::newRow("real time, the server silent for 6 s") << kMp3BytesPerSecond << kMp3BytesPerSecond * 25 / 2 << 6000 << 16 << 0;
+    // Loaded with 10 s on disk: 12 s is beyond what the engine can know of yet.
+    QTest::newRow("started at 12 s, before the download has it") << kMp3BytesPerSecond << qint64(-1) << 0 << 16 << 12;
+}
+
+void TestCachingWrapper::playsAGrowingFileWhole()
+{
+    QFETCH(qint64, bytesPerSecond);
+    QFETCH(qint64, stallAfter);
+    QFETCH(int, stallMs);
+    QFETCH(int, seconds);
+    QFETCH(int, startSecond);
+    QString error;
+    const QString mp3 = SteppedTone::file(SteppedTone::Format::Mp3, seconds, &error);
+    QVERIFY2(!mp3.isEmpty(), qPrintable(error));
+    TestHttpResource resource;
+    resource.body = contentsOf(mp3);
+    resource.bytesPerSecond = bytesPerSecond;
+    resource.stallAfter = stallAfter;
+    resource.stallMs = stallMs;
+    const QString path = QStringLiteral("/growing-%1").arg(QTest::currentDataTag()[0]);
+    mServer.setResource(path, resource);
+    const QString wav = mDir.filePath(QStringLiteral("growing-%1.wav").arg(QTest::currentDataTag()[0]));
+    renewWrapper(QStringLiteral("audioconvert ! audioresample ! audio/x-raw,format=S16LE,channels=1 ! "
+                                "wavenc ! filesink location=%1 sync=true").arg(wav));
+    MediaPlaybackMetadata current = item(path, path);
+    current.shouldCache = true;
+    current.duration = seconds * 1000;
+    LogCapture log;
+    QVERIFY(mWrapper->setMedia(current, MediaPlaybackMetadata()));
+    QTRY_COMPARE_WITH_TIMEOUT(mWrapper->getMediaStatus(), GStreamerPlayer::Loaded, kWaitMs);
+    QVERIFY(mWrapper->mediaBuffer()->state() != StreamingMediaBuffer::Finished);
+    QVERIFY(mWrapper->play(startSecond * 1000));
+    QTRY_COMPARE_WITH_TIMEOUT(mWrapper->getMediaStatus(), GStreamerPlayer::EndOfMedia, kPlayWaitMs);
+    renewWrapper(QStringLiteral("fakesink sync=true"));   // finalises the WAV
+    QCOMPARE(secondsIn(wav), range(startSecond, seconds - 1));
+    const int holds = log.lines().filter(QStringLiteral("not downloaded yet, waiting for it")).size();
+    const int pauses = log.lines().filter(QStringLiteral("Buffer underrun, pausing")).size() + holds;
+    QCOMPARE(holds, startSecond > 0 ? 1 : 0);
+    QVERIFY(pauses >= 1);
+    QCOMPARE(log.lines().filter(QStringLiteral("resuming playback")).size(), pauses);
+}
+
+// Paused for an underrun with thresholds no download reaches: the end of the download resumes
+// playback, unless the client stopped it meanwhile.
+void TestCachingWrapper::resumesOnlyWhenItShould_data()
+{
+    QTest::addColumn<bool>("stopDuringUnderrun");
+    QTest::addColumn<int>("finalState");
+    QTest::newRow("the download ends during the underrun") << false << int(GStreamerPlayer::Playing);
+    QTest::newRow("stopped during the underrun") << true << int(GStreamerPlayer::Stopped);
+}
+
+void TestCachingWrapper::resumesOnlyWhenItShould()
+{
+    QFETCH(bool, stopDuringUnderrun);
+    QFETCH(int, finalState);
+    const QString path = QStringLiteral("/underrun-%1").arg(stopDuringUnderrun);
+    serve(path, mMp3, kMp3BytesPerSecond * 2);
+    setConfig("media_buffer/initial_threshold_bytes", kMp3BytesPerSecond);
+    setConfig("media_buffer/underrun_threshold_ms", 1000000);
+    setConfig("media_buffer/resume_play_threshold_ms", 2000000);
+    MediaPlaybackMetadata current = item(path, path);
+    current.duration = 3000;
+    LogCapture log;
+    QVERIFY(mWrapper->setMedia(current, MediaPlaybackMetadata()));
+    QTRY_COMPARE_WITH_TIMEOUT(mWrapper->getMediaStatus(), GStreamerPlayer::Loaded, kWaitMs);
+    QVERIFY(mWrapper->play(0));
+    QTRY_VERIFY_WITH_TIMEOUT(log.hasLineContaining(QStringLiteral("Buffer underrun, pausing")), kWaitMs);
+    if (stopDuringUnderrun)
+        QVERIFY(mWrapper->stop());
+    QTRY_COMPARE_WITH_TIMEOUT(mWrapper->mediaBuffer()->state(), StreamingMediaBuffer::Finished, kWaitMs);
+    QCOMPARE(int(mWrapper->getState()), finalState);
+    mWrapper->stop();
+}
+
+// Once the current item is complete, the next one is preloaded into the stream cache and later
+// played from there, complete at once; without a URL for it, nothing is fetched.
+void TestCachingWrapper::preloadsTheNextItem_data()
+{
+    QTest::addColumn<bool>("nextHasUrl");
+    QTest::newRow("next item preloaded, then played from the cache") << true;
+    QTest::newRow("no URL for the next item: no preload") << false;
+}
+
+void TestCachingWrapper::preloadsTheNextItem()
+{
+    QFETCH(bool, nextHasUrl);
+    const QString tag = QString::number(nextHasUrl);
+    MediaPlaybackMetadata current = item(QStringLiteral("/item.mp3"), QStringLiteral("current-") + tag);
+    current.shouldCache = true;
+    MediaPlaybackMetadata next = item(QStringLiteral("/item.mp3"), QStringLiteral("next-") + tag);
+    next.shouldCache = true;
+    if (!nextHasUrl)
+        next.url.clear();
+    setConfig("mediaserver/stream_cache_debug_log", true);   // the cache's "stored KEY" lines
+    LogCapture log;
+    QVERIFY(mWrapper->setMedia(current, next));
+    // The buffer comes once the cache has answered the lookup.
+    QTRY_VERIFY_WITH_TIMEOUT(mWrapper->mediaBuffer() && mWrapper->mediaBuffer()->state() == StreamingMediaBuffer::Finished, kWaitMs);
+    waitForTheCache();
+    if (!nextHasUrl) {
+        QVERIFY(!mWrapper->preloader());
+        return;
+    }
+    QTRY_VERIFY_WITH_TIMEOUT(log.hasLineContaining(QStringLiteral("stored ") + next.cacheKey), kWaitMs);
+    QSignalSpy progress(mWrapper.get(), &CachingGStreamerWrapper::bufferProgress);
+    QVERIFY(mWrapper->setMedia(next, MediaPlaybackMetadata()));
+    QTRY_VERIFY_WITH_TIMEOUT(log.hasLineContaining(QStringLiteral("Cached in StreamCache, playing from")), kWaitMs);
+    const qint64 size = QFileInfo(mMp3).size();
+    QCOMPARE(progress.last(), (QList<QVariant>{1.0, size, size}));
+    QVERIFY(!mWrapper->mediaBuffer());
+    QVERIFY(mWrapper->getCurrentUrl().toLocalFile().startsWith(MediaV2::StreamCacheLocation::streamFolder()));
+}
+
+// The cache's answer about an item replaced before it came is not taken for the new item: a
+// cached item keeps playing from the cache, with no download beside it.
+void TestCachingWrapper::dropsTheAnswerForAReplacedItem()
+{
+    MediaPlaybackMetadata cached = item(QStringLiteral("/item.mp3"), QStringLiteral("replaced-cached"));
+    cached.shouldCache = true;
+    setConfig("mediaserver/stream_cache_debug_log", true);
+    LogCapture log;
+    QVERIFY(mWrapper->setMedia(cached, MediaPlaybackMetadata()));
+    QTRY_VERIFY_WITH_TIMEOUT(log.hasLineContaining(QStringLiteral("stored ") + cached.cacheKey), kWaitMs);
+    MediaPlaybackMetadata uncached = item(QStringLiteral("/item.mp3"), QStringLiteral("replaced-uncached"));
+    uncached.shouldCache = true;
+    QVERIFY(mWrapper->setMedia(uncached, MediaPlaybackMetadata()));
+    QVERIFY(mWrapper->setMedia(cached, MediaPlaybackMetadata()));
+    waitForTheCache();
+    QVERIFY(log.hasLineContaining(QStringLiteral("Cached in StreamCache, playing from")));
+    QVERIFY(!mWrapper->mediaBuffer());
+}
+
+// A cache hit counts as one only when the entry was idle longer than the threshold (600 s).
+void TestCachingWrapper::countsACacheHitAfterTheIdleTime_data()
+{
+    QTest::addColumn<qint64>("idleSeconds");
+    QTest::addColumn<bool>("counted");
+    QTest::newRow("used 600 s ago") << qint64(600) << false;
+    QTest::newRow("used 601 s ago") << qint64(601) << true;
+}
+
+void TestCachingWrapper::countsACacheHitAfterTheIdleTime()
+{
+    QFETCH(qint64, idleSeconds);
+    QFETCH(bool, counted);
+    MEDIA2_streamCached.setValue(!counted);
+    // The wrapper reads the clock itself: repeat when a second boundary fell in between.
+    qint64 before = 0;
+    do {
+        before = QDateTime::currentSecsSinceEpoch();
+        mWrapper->onStreamFileFound(true, mMp3, before - idleSeconds);
+    } while (QDateTime::currentSecsSinceEpoch() != before);
+    QCOMPARE(MEDIA2_streamCached.value(), counted);
+}
+
+// A new item ends the previous item's download and preload: their connections close and the
+// objects are gone.
+void TestCachingWrapper::newItemTearsDownTheOldDownloads_data()
+{
+    QTest::addColumn<bool>("preloading");
+    QTest::newRow("while the item downloads") << false;
+    QTest::newRow("while the next item preloads") << true;
+}
+
+void TestCachingWrapper::newItemTearsDownTheOldDownloads()
+{
+    QFETCH(bool, preloading);
+    const QString slow = QStringLiteral("/slow-%1").arg(preloading);
+    serve(slow, mMp3, 2000);
+    MediaPlaybackMetadata current = item(preloading ? QStringLiteral("/item.mp3") : slow, QStringLiteral("torn-current-") + slow);
+    MediaPlaybackMetadata next = item(slow, QStringLiteral("torn-next-") + slow);
+    QSignalSpy closed(&mServer, &TestHttpServer::connectionClosed);
+    QVERIFY(mWrapper->setMedia(current, next));
+    QTRY_VERIFY_WITH_TIMEOUT(mServer.bytesSent(slow) > 0, kWaitMs);
+    QPointer<StreamingMediaBuffer> download = preloading ? mWrapper->preloader() : mWrapper->mediaBuffer();
+    QVERIFY(download);
+    QVERIFY(mWrapper->setMedia(item(QStringLiteral("/item.mp3"), QString()), MediaPlaybackMetadata()));
+    QTRY_VERIFY_WITH_TIMEOUT(closed.contains(QList<QVariant>{slow}), kWaitMs);
+    QTRY_VERIFY_WITH_TIMEOUT(!download, kWaitMs);
+    QVERIFY(!mWrapper->mediaBuffer() && !mWrapper->preloader());
 }
 
 QTEST_GUILESS_MAIN(TestCachingWrapper)

@@ -33,6 +33,8 @@ TestHttpConnection::TestHttpConnection(QTcpSocket* socket, QObject* parent)
     mSocket->setParent(this);
     mPaceTimer.setInterval(kPaceIntervalMs);
     connect(&mPaceTimer, &QTimer::timeout, this, &TestHttpConnection::pump);
+    mStallTimer.setSingleShot(true);
+    connect(&mStallTimer, &QTimer::timeout, this, &TestHttpConnection::endStall);
     connect(mSocket, &QTcpSocket::readyRead, this, &TestHttpConnection::readRequest);
     connect(mSocket, &QTcpSocket::bytesWritten, this, &TestHttpConnection::pump);
     connect(mSocket, &QTcpSocket::disconnected, this, &TestHttpConnection::onDisconnected);
@@ -127,11 +129,24 @@ void TestHttpConnection::finishIfDone()
         mSocket->disconnectFromHost();
     } else if (mResponse->isStalled()) {
         mPaceTimer.stop();
+        if (mResponse->stallMs() > 0 && !mStallTimer.isActive())
+            mStallTimer.start(mResponse->stallMs());
     }
+}
+
+void TestHttpConnection::endStall()
+{
+    mResponse->endStall();
+    mLastPaceMs = mSinceAnswer.elapsed();
+    if (mResponse->bytesPerSecond() > 0)
+        mPaceTimer.start();
+    pump();
 }
 
 void TestHttpConnection::onDisconnected()
 {
     mPaceTimer.stop();
+    mStallTimer.stop();
+    emit closed(mPath);
     deleteLater();
 }

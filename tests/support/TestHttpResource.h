@@ -19,6 +19,7 @@ struct TestHttpResource {
     bool chunked = false;            // Transfer-Encoding: chunked (then no Content-Length)
     qint64 bytesPerSecond = 0;       // throttle the body (0 = as fast as possible)
     qint64 stallAfter = -1;          // stop sending (keep the connection open, silent) after N body bytes
+    int stallMs = 0;                 // >0: the stall ends after this long and the body goes on (a radio shadow)
     qint64 closeAfter = -1;          // close the connection abruptly after N body bytes
     QByteArray redirectTo;           // non-empty: answer 302 with this Location (relative or absolute)
     // Live streams: endless, served at bytesPerSecond, looping `body`. Their body bytes are the

@@ -123,7 +123,7 @@ qint64 TestHttpResponse::bytesPerSecond() const
 qint64 TestHttpResponse::bodyBytesAllowed() const
 {
     qint64 allowed = isLive() ? std::numeric_limits<qint64>::max() : mLength;
-    if (mResource.stallAfter >= 0)
+    if (mResource.stallAfter >= 0 && !mStallEnded)
         allowed = qMin(allowed, mResource.stallAfter);
     if (mResource.closeAfter >= 0)
         allowed = qMin(allowed, mResource.closeAfter);
@@ -201,5 +201,5 @@ bool TestHttpResponse::isComplete() const
 
 bool TestHttpResponse::isStalled() const
 {
-    return !isComplete() && mResource.stallAfter >= 0 && mTaken >= mResource.stallAfter;
+    return !isComplete() && mResource.stallAfter >= 0 && !mStallEnded && mTaken >= mResource.stallAfter;
 }

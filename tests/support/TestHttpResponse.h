@@ -31,6 +31,9 @@ public:
     bool isComplete() const;
     // Nothing more will be sent, but the connection stays open.
     bool isStalled() const;
+    // A timed stall is over: the rest of the body may go.
+    void endStall() { mStallEnded = true; }
+    int stallMs() const { return mResource.stallMs; }
 
 private:
     bool isLive() const { return mResource.icy && mResource.redirectTo.isEmpty(); }
@@ -49,6 +52,7 @@ private:
     qint64 mStart = 0;           // first body byte served
     qint64 mLength = 0;          // body bytes in this answer (finite answers)
     qint64 mTaken = 0;           // body bytes handed out so far
+    bool mStallEnded = false;
     bool mTerminated = false;    // the last chunk was handed out
     qint64 mLoopPosition = 0;    // live: next audio byte of the looped body
     qint64 mSinceMetadata = 0;   // live: audio bytes since the last metadata block

@@ -59,6 +59,7 @@ void TestHttpServer::acceptConnections()
         auto* connection = new TestHttpConnection(socket, this);
         connect(connection, &TestHttpConnection::bodyBytesSent, this, [this](const QString& path, qint64 bytes) { mBytesSent[path] += bytes; });
         connect(connection, &TestHttpConnection::requestParsed, this, &TestHttpServer::answer);
+        connect(connection, &TestHttpConnection::closed, this, &TestHttpServer::connectionClosed);
     }
 }
 

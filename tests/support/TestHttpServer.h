@@ -38,6 +38,8 @@ public:
 signals:
     // Emitted before the answer is chosen, so a slot may still change the path's resource.
     void requestReceived(const QString& path);
+    // A connection that asked for path has closed (either side closed it).
+    void connectionClosed(const QString& path);
 
 private:
     static QString normalized(const QString& path);
