@@ -378,12 +378,16 @@ bool GStreamerPlayer::getSeekCapability(bool* seekable, long* start, long* end)
 }
 
 // Runs when the pipeline reaches PLAYING and on every duration change; a pending start
-// position waits until a duration is known.
+// position waits until a duration is known, unless the stream already says it cannot seek:
+// one served without a length never gets a duration and would play muted to its end.
 void GStreamerPlayer::seekIfNeeded()
 {
-    if (mPendingSeek < 1 || mDuration < 1)
+    if (mPendingSeek < 1)
         return;
-    if (pendingSeekIsReachable()) {
+    const StartSeekRule::SeekRange range = seekRange();
+    if (mDuration < 1 && !(range.answered && !range.seekable))
+        return;
+    if (StartSeekRule::pendingSeekIsReachable(mPendingSeek, mDuration, range)) {
         if (logAt(0))
             LOG_INFO << "Seeking stream to position " << mPendingSeek;
         seek(mPendingSeek);
@@ -391,14 +395,14 @@ void GStreamerPlayer::seekIfNeeded()
     clearPendingSeekAndUnmute();
 }
 
-bool GStreamerPlayer::pendingSeekIsReachable()
+StartSeekRule::SeekRange GStreamerPlayer::seekRange()
 {
     StartSeekRule::SeekRange range;
     long start = 0, end = 0;
     range.answered = getSeekCapability(&range.seekable, &start, &end);
     range.start = start;
     range.end = end;
-    return StartSeekRule::pendingSeekIsReachable(mPendingSeek, mDuration, range);
+    return range;
 }
 
 void GStreamerPlayer::setVolume(double volume)

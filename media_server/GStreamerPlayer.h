@@ -1,6 +1,7 @@
 #pragma once
 
 #include "media_server/GStreamerMediaMetadata.h"
+#include "media_server/StartSeekRule.h"
 
 #include <QObject>
 #include <QTimer>
@@ -93,7 +94,7 @@ private:
     void handleNewDuration();
     void retrieveDuration();
     void seekIfNeeded();
-    bool pendingSeekIsReachable();
+    StartSeekRule::SeekRange seekRange();
     static void sourceNotified(GstObject* pipeline, GstObject* notifier, GParamSpec* property, gpointer self);
     void sourceElementChanged(GstObject* notifier);
 
