@@ -13,6 +13,7 @@
 #include "platform/core/ProcessExit.h"
 #include "platform/core/RuntimeEnv.h"
 #include "platform/log/Logger.h"
+#include "tools/common/ToolOutput.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -26,14 +27,8 @@ using MediaV2::StreamingMediaBuffer;
 
 namespace {
 
-// Progress is printed once per this many percent, so a long download stays a few lines.
-constexpr int kProgressStepPercent = 10;
-
-void printLine(const QString& text)
-{
-    std::printf("%s\n", qPrintable(text));
-    std::fflush(stdout);
-}
+using ToolOutput::kProgressStepPercent;
+using ToolOutput::printLine;
 
 // Prints each state; ends the event loop with 0 once every byte is on disk, 1 on a failure.
 void reportStates(StreamingMediaBuffer* buffer)
