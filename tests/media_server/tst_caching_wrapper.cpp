@@ -35,23 +35,6 @@ const int kPlayWaitMs = 180000;
 // MP3 at 128 kbit/s: bytes per second of audio.
 const qint64 kMp3BytesPerSecond = 16000;
 
-QList<int> secondsIn(const QString& wav)
-{
-    WavReader reader;
-    QString error;
-    if (!reader.load(wav, &error))
-        qWarning("%s", qPrintable(error));
-    return reader.steppedSeconds();
-}
-
-QList<int> range(int first, int last)
-{
-    QList<int> seconds;
-    for (int k = first; k <= last; ++k)
-        seconds.append(k);
-    return seconds;
-}
-
 QByteArray contentsOf(const QString& path)
 {
     QFile file(path);
@@ -277,7 +260,7 @@ void TestCachingWrapper::playsAGrowingFileWhole()
     QVERIFY(mWrapper->play(startSecond * 1000));
     QTRY_COMPARE_WITH_TIMEOUT(mWrapper->getMediaStatus(), GStreamerPlayer::EndOfMedia, kPlayWaitMs);
     renewWrapper(QStringLiteral("fakesink sync=true"));   // finalises the WAV
-    QCOMPARE(secondsIn(wav), range(startSecond, seconds - 1));
+    QCOMPARE(WavReader::steppedSecondsIn(wav), WavReader::secondsFromTo(startSecond, seconds - 1));
     const int holds = log.lines().filter(QStringLiteral("not downloaded yet, waiting for it")).size();
     const int pauses = log.lines().filter(QStringLiteral("Buffer underrun, pausing")).size() + holds;
     QCOMPARE(holds, startSecond > 0 ? 1 : 0);

@@ -31,32 +31,15 @@ std::unique_ptr<GStreamerPlayer> makePlayer(const QString& wav, bool realTime)
     return std::make_unique<GStreamerPlayer>();
 }
 
-QList<int> secondsIn(const QString& wav, double windowSeconds = 1.0)
-{
-    WavReader reader;
-    QString error;
-    if (!reader.load(wav, &error))
-        qWarning("%s", qPrintable(error));
-    return reader.steppedSeconds(windowSeconds);
-}
-
 // For a capture whose first moments may be muted, so that it starts inside a second: read in
 // half-second windows (each second has a clean one), each second named once. The window in
 // which the sound comes on may not be named.
 QList<int> secondsHeardIn(const QString& wav)
 {
     QList<int> seconds;
-    for (int second : secondsIn(wav, 0.5))
+    for (int second : WavReader::steppedSecondsIn(wav, 0.5))
         if (seconds.isEmpty() ? second >= 0 : seconds.last() != second)
             seconds.append(second);
-    return seconds;
-}
-
-QList<int> range(int first, int last)
-{
-    QList<int> seconds;
-    for (int k = first; k <= last; ++k)
-        seconds.append(k);
     return seconds;
 }
 
@@ -205,7 +188,7 @@ void TestGStreamerPlayer::playsFromAStartPosition()
     g_object_get(player->pipeline(), "volume", &volume, nullptr);
     QCOMPARE(volume, 1.0);
     player.reset();   // finalises the WAV
-    QCOMPARE(secondsHeardIn(wav), range(firstSecond, kItemSeconds - 1));
+    QCOMPARE(secondsHeardIn(wav), WavReader::secondsFromTo(firstSecond, kItemSeconds - 1));
     const QStringList errors = errorMessages(log);
     QVERIFY2(refusal.isEmpty() ? errors.isEmpty() : errors.size() == 1 && errors.first().startsWith(refusal),
              qPrintable(errors.join(QLatin1Char('|'))));
@@ -250,7 +233,7 @@ void TestGStreamerPlayer::twoItemsInARow()
     QVERIFY(!log.hasLineContaining(QStringLiteral("[GST ERROR]")));
     player.reset();
     // The sink restarts its file with each item: it holds the second item.
-    QCOMPARE(secondsIn(wav), range(0, 2));
+    QCOMPARE(WavReader::steppedSecondsIn(wav), WavReader::secondsFromTo(0, 2));
 }
 
 void TestGStreamerPlayer::seekWhilePlaying()
@@ -266,7 +249,7 @@ void TestGStreamerPlayer::seekWhilePlaying()
     player.reset();
     // What the recording holds from before the seek depends on how the recorder takes the
     // flush; what follows it is certain: seconds 3 and 4, nothing of the skipped second 2.
-    const QList<int> seconds = secondsIn(wav);
+    const QList<int> seconds = WavReader::steppedSecondsIn(wav);
     QVERIFY2(seconds.size() >= 2 && seconds.mid(seconds.size() - 2) == (QList<int>{3, 4}) && !seconds.contains(2),
              qPrintable(QString::number(seconds.size())));
 }
@@ -289,7 +272,7 @@ void TestGStreamerPlayer::pauseAndResume()
     QCOMPARE(stateSequence(states), (QList<int>{GStreamerPlayer::Playing, GStreamerPlayer::Paused,
                                                 GStreamerPlayer::Playing, GStreamerPlayer::Stopped}));
     player.reset();
-    QCOMPARE(secondsIn(wav), range(0, kItemSeconds - 1));
+    QCOMPARE(WavReader::steppedSecondsIn(wav), WavReader::secondsFromTo(0, kItemSeconds - 1));
 }
 
 void TestGStreamerPlayer::unplayableItemIsAnError_data()
@@ -341,7 +324,7 @@ void TestGStreamerPlayer::overrideUrlReplacesEveryItem()
     QVERIFY(player->play(0, false));
     QTRY_COMPARE_WITH_TIMEOUT(player->getMediaStatus(), GStreamerPlayer::EndOfMedia, kEndTimeoutMs);
     player.reset();
-    QCOMPARE(secondsIn(wav), range(0, kItemSeconds - 1));
+    QCOMPARE(WavReader::steppedSecondsIn(wav), WavReader::secondsFromTo(0, kItemSeconds - 1));
 }
 
 // The live FIFO feeds an "appsrc://" item through the element this signal hands out; it is

@@ -55,14 +55,6 @@ QByteArray fileBytes(const QString& path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-QList<int> range(int first, int last)
-{
-    QList<int> seconds;
-    for (int s = first; s <= last; ++s)
-        seconds.append(s);
-    return seconds;
-}
-
 // Counts the bytes an element's source pad passes downstream, and sees its end of stream (on
 // the streaming thread).
 struct PassedBytes {
@@ -259,7 +251,7 @@ void TestMediaFIFO::playsAStation()
     QVERIFY(reader.load(wav));
     const QList<int> seconds = reader.steppedSeconds();
     QVERIFY2(seconds.size() >= 3, qPrintable(QStringLiteral("%1 seconds recorded").arg(seconds.size())));
-    QCOMPARE(seconds, range(0, int(seconds.size()) - 1));
+    QCOMPARE(seconds, WavReader::secondsFromTo(0, int(seconds.size()) - 1));
 }
 
 // After a need-data, 16 KiB chunks are held until more than 51200 bytes are queued (the fourth
@@ -357,7 +349,7 @@ void TestMediaFIFO::stationThatEndsIsAnError()
         return;
     WavReader reader;
     QVERIFY(reader.load(wav));
-    QCOMPARE(reader.steppedSeconds(), range(0, 1));
+    QCOMPARE(reader.steppedSeconds(), WavReader::secondsFromTo(0, 1));
 }
 
 // GStreamer's streaming thread keeps asking a FIFO for data while the main thread stops and

@@ -2,6 +2,7 @@
 
 #include "tests/support/SteppedTone.h"
 
+#include <QDebug>
 #include <QFile>
 #include <QtEndian>
 
@@ -199,4 +200,21 @@ double WavReader::energy(qint64 begin, qint64 count) const
     for (qint64 i = begin; i < begin + count; ++i)
         sum += double(mSamples[size_t(i)]) * mSamples[size_t(i)];
     return sum;
+}
+
+QList<int> WavReader::steppedSecondsIn(const QString& path, double windowSeconds)
+{
+    WavReader reader;
+    QString error;
+    if (!reader.load(path, &error))
+        qWarning("%s", qPrintable(error));
+    return reader.steppedSeconds(windowSeconds);
+}
+
+QList<int> WavReader::secondsFromTo(int first, int last)
+{
+    QList<int> seconds;
+    for (int k = first; k <= last; ++k)
+        seconds.append(k);
+    return seconds;
 }

@@ -43,6 +43,11 @@ public:
     // Per window: the tone's second index k, or -1 for silence or unrecognised sound.
     QList<int> steppedSeconds(double windowSeconds = 1.0) const;
 
+    // The one-second steps heard in the WAV file at `path` (empty, with a warning, when it cannot
+    // be read), and the steps first..last a whole capture would hold: a test compares the two.
+    static QList<int> steppedSecondsIn(const QString& path, double windowSeconds = 1.0);
+    static QList<int> secondsFromTo(int first, int last);
+
 private:
     bool readFormat(const QByteArray& body, QString* error);
     void readSamples(const char* data, qint64 bytes);
