@@ -4,6 +4,7 @@
 
 #include "app/CommandLine.h"
 #include "app/ConfigTable.h"
+#include "media_server/GStreamerServerPlayer.h"
 #include "media_server/MediaServerDataValues.h"
 #include "platform/core/Finalizer.h"
 #include "platform/core/ProcessExit.h"
@@ -58,8 +59,7 @@ void startUp(QCoreApplication& app, int argc, char** argv)
              << ", settings file " << RuntimeEnv::instance()->settingsFile();
     DataValueManager::instance()->startLogging(&MEDIA2_serverState);          // 10
     DataValueManager::instance()->startLogging(&MEDIA2_nowPlayingTitle);
-    // 11. The server player singleton is created here, on the main thread, once the playback
-    //     engine exists.
+    MediaV2::GStreamerServerPlayer::instance();                               // 11
     ServiceManager::instance()->setConnectionUsage(&MEDIA2_connNetStats);     // 12
 }
 
@@ -67,7 +67,7 @@ void startUp(QCoreApplication& app, int argc, char** argv)
 void shutDown()
 {
     LOG_INFO << "event loop ended, shutting down";
-    // 1. The server player is stopped here once it exists.
+    MediaV2::GStreamerServerPlayer::instance()->stop();                       // 1
     Finalizer::instance()->finalize();                                        // 2
     LOG_INFO << "stopped";
     Logger::flush();

@@ -122,10 +122,14 @@ void CachingGStreamerWrapper::findStream(const QString& key, Lookup lookup)
         LOG_ASSERT(false, QStringLiteral("failed to invoke StreamCache::findStream"));
 }
 
+// An outstanding on-deck lookup stays one: its answer still decides whether to preload (now the
+// new on-deck item). Only the answer about a replaced current item would be taken for the wrong
+// item.
 void CachingGStreamerWrapper::supersedePendingLookups()
 {
     for (Lookup& lookup : mPendingLookups)
-        lookup = Superseded;
+        if (lookup == CurrentItem)
+            lookup = Superseded;
 }
 
 QUrl CachingGStreamerWrapper::cleanupUrl(const QString& url)
@@ -204,8 +208,8 @@ GStreamerMediaMetadata CachingGStreamerWrapper::getAvailableMetadata() const
 
 void CachingGStreamerWrapper::onStreamFileFound(bool inCache, QString file, qint64 timeSeconds)
 {
-    // The cache answers each lookup once, in the order asked; an answer for an item that has been
-    // replaced since is dropped. An answer nobody asked for is taken for the current item.
+    // The cache answers each lookup once, in the order asked; an answer about a current item that
+    // has been replaced since is dropped. An answer nobody asked for is taken for the current item.
     const Lookup lookup = mPendingLookups.isEmpty() ? CurrentItem : mPendingLookups.dequeue();
     if (lookup == Superseded)
         return;

@@ -35,8 +35,8 @@ class StreamingMediaPreloader;
 //   them) or at shutdown in the platform's finalisation, whichever comes first; the cache's
 //   answers come queued, so none reaches a destroyed wrapper.
 // - The cache answers lookups one by one in the order asked; the wrapper keeps the list of
-//   lookups it is waiting for, so an answer about an item replaced meanwhile is dropped rather
-//   than taken for the new item.
+//   lookups it is waiting for, so an answer about a current item replaced meanwhile is dropped
+//   rather than taken for the new item. An outstanding on-deck lookup is still answered as one.
 //
 // Thread: main thread, like the engine, the buffers, the preloader and the FIFO it owns. The
 // stream cache lives on "StreamCacheThread" and is reached only by queued invocations; its

@@ -1,6 +1,15 @@
 #include "media_server/GStreamerServerPlayer.h"
 
+#include "media_server/MediaServerDataValues.h"
+#include "media_server/MediaServerMachineSM.h"
+#include "media_server/MediaServerMachineState.h"
+#include "media_server/ServerStateRules.h"
 #include "platform/config/ConfigBoolValue.h"
+#include "platform/log/LogLine.h"
+#include "utils/Singleton.h"
+
+#include <QCoreApplication>
+#include <QThread>
 
 namespace {
 
@@ -8,13 +17,298 @@ namespace {
 // history is the first thing needed when a field report says playback stopped.
 ConfigBoolValue sTracePlayerSm("media_server/trace_player_sm", true);
 
+// Requests come by queued invocation from the service on the main thread; a call from another
+// thread would race the engine and the machine, which are not locked.
+#define ASSERT_MAIN_THREAD()                                                                                            \
+    LOG_ASSERT(QCoreApplication::instance() && QThread::currentThread() == QCoreApplication::instance()->thread(), \
+               QStringLiteral("%1() called outside the main thread").arg(QLatin1String(__func__)))
+
 } // namespace
 
 namespace MediaV2 {
 
 GStreamerServerPlayer* GStreamerServerPlayer::instance()
 {
-    return nullptr;
+    return Singleton<GStreamerServerPlayer>::instance();
+}
+
+GStreamerServerPlayer::GStreamerServerPlayer()
+    : mTrace(sTracePlayerSm.value())
+{
+    connectWrapper();
+    mMachine = std::make_unique<MediaServerMachineSM>(this, Qt::AutoConnection);
+    mMachine->goState(mMachine->state(MediaServerMachineSM::NoMedia), QStringLiteral("initializing"));
+}
+
+GStreamerServerPlayer::~GStreamerServerPlayer()
+{
+    disconnect(&mPlayer, nullptr, this, nullptr);
+}
+
+void GStreamerServerPlayer::connectWrapper()
+{
+    LOG_ASSERT(connect(&mPlayer, &CachingGStreamerWrapper::bufferProgress, this, &GStreamerServerPlayer::streamingMediaBufferProgress),
+               QStringLiteral("Connect failed"));
+    LOG_ASSERT(connect(&mPlayer, &CachingGStreamerWrapper::mediaStatusChanged, this, &GStreamerServerPlayer::gstreamerMediaStatusChanged),
+               QStringLiteral("Connect failed"));
+    LOG_ASSERT(connect(&mPlayer, &CachingGStreamerWrapper::metaDataChanged, this, &GStreamerServerPlayer::gstreamerMetadataChanged),
+               QStringLiteral("Connect failed"));
+    LOG_ASSERT(connect(&mPlayer, &CachingGStreamerWrapper::positionChanged, this, &GStreamerServerPlayer::gstreamerPositionChanged),
+               QStringLiteral("Connect failed"));
+    LOG_ASSERT(connect(&mPlayer, &CachingGStreamerWrapper::stateChanged, this, &GStreamerServerPlayer::gstreamerStateChanged),
+               QStringLiteral("Connect failed"));
+}
+
+MediaServerMachineState* GStreamerServerPlayer::state() const
+{
+    return mMachine->currentState();
+}
+
+MediaServerState GStreamerServerPlayer::machineStateToState(int machineState)
+{
+    return ServerStateRules::machineStateToState(machineState);
+}
+
+MediaServerState GStreamerServerPlayer::currentState() const
+{
+    return machineStateToState(state()->state_id());
+}
+
+bool GStreamerServerPlayer::isTrace() const
+{
+    return mTrace;
+}
+
+// Buffering has ended without the client asking for anything: playback goes on by itself.
+void GStreamerServerPlayer::machineStateChanged()
+{
+    const MediaServerState published = currentState();
+    const auto engine = ServerStateRules::EngineState(mPlayer.getState());
+    MEDIA2_serverState.setState(published, ServerStateRules::errorForState(published, engine));
+    if (state()->state_id() != MediaServerMachineSM::Buffered)
+        return;
+    if (mPlayer.isPlaying())
+        state()->alreadyPlaying();
+    else
+        play(0);
+}
+
+void GStreamerServerPlayer::onStop()
+{
+    if (mPendingMetadata.valid) {
+        LOG_INFO << "metadata valid -> loadMedia";
+        const MediaPlaybackMetadata current = mPendingMetadata;
+        mPendingMetadata = MediaPlaybackMetadata();
+        loadMedia(current, mPendingOnDeckMetadata);
+        return;
+    }
+    LOG_INFO << "metadata invalid";
+    mPendingMetadata = MediaPlaybackMetadata();
+}
+
+void GStreamerServerPlayer::resetBroadcastedState()
+{
+    MEDIA2_elapsedTime.setValue(0);
+    MEDIA2_nowPlayingTitle.setValue(QString());
+    MEDIA2_streamBitRate.setValue(0);
+}
+
+void GStreamerServerPlayer::play(qint64 milliSecondsPos)
+{
+    ASSERT_MAIN_THREAD();
+    if (currentState() == Playing) {
+        LOG_INFO << "already playing";
+        emit playComplete(true);
+        return;
+    }
+    LOG_INFO << "playing";
+    state()->play();
+    if (mPlayer.isPlaying()) {
+        emit playComplete(true);
+        state()->playSucceeded();
+    } else if (!mPlayer.play(milliSecondsPos)) {
+        emit playComplete(false);
+        state()->playFailed();
+    } else {
+        emit playComplete(true);   // the engine's Playing state sends playSucceeded
+    }
+}
+
+void GStreamerServerPlayer::pause()
+{
+    ASSERT_MAIN_THREAD();
+    if (currentState() == Paused) {
+        LOG_INFO << "already paused";
+        emit pauseComplete(true);
+        return;
+    }
+    LOG_INFO << "pausing";
+    state()->pause();
+    if (mPlayer.isPaused()) {
+        emit pauseComplete(true);
+        state()->pauseSucceeded();
+    } else if (!mPlayer.pause()) {
+        emit pauseComplete(false);
+        state()->pauseFailed();
+    } else {
+        emit pauseComplete(true);
+    }
+}
+
+// Outside Playing and Paused the request is deliberately left unanswered: the client's call
+// times out, as clients of this service have always seen it.
+void GStreamerServerPlayer::seek(int milliSecondsPos)
+{
+    ASSERT_MAIN_THREAD();
+    LOG_INFO << "position " << milliSecondsPos;
+    const MediaServerState published = currentState();
+    if (published != Playing && published != Paused) {
+        LOG_ERROR << "can't seek in current state: " << MediaServerUtils::nameForState(published) << ", must be playing or paused";
+        return;
+    }
+    state()->seek();
+    if (!mPlayer.seek(milliSecondsPos)) {
+        emit seekComplete(false);
+        state()->seekFailed();
+        return;
+    }
+    gstreamerPositionChanged(milliSecondsPos);   // the elapsed time jumps before the engine reports
+    emit seekComplete(true);
+    state()->seekSucceeded();
+}
+
+// A client's stop also discards a load waiting for the stop.
+void GStreamerServerPlayer::stop()
+{
+    ASSERT_MAIN_THREAD();
+    internalStop(MediaPlaybackMetadata());
+}
+
+void GStreamerServerPlayer::internalStop(const MediaPlaybackMetadata& item)
+{
+    if (currentState() == NoMedia) {
+        LOG_INFO << "already stopped";
+        emit stopComplete(true);
+        return;
+    }
+    LOG_INFO << "stopping";
+    state()->stop();
+    mPendingMetadata = item;
+    if (mPlayer.isStopped()) {
+        emit stopComplete(true);
+        state()->stopSucceeded();
+    } else if (!mPlayer.stop()) {
+        emit stopComplete(false);
+        state()->stopFailed();
+    } else {
+        emit stopComplete(true);
+    }
+    resetBroadcastedState();
+}
+
+void GStreamerServerPlayer::loadMedia(MediaPlaybackMetadata metadata, MediaPlaybackMetadata onDeckMetadata)
+{
+    ASSERT_MAIN_THREAD();
+    LOG_INFO << "uri: " << metadata.url;
+    LOG_INFO << "metadata: " << metadata.toJSON();
+    mPendingOnDeckMetadata = onDeckMetadata;
+    const MediaServerState published = currentState();
+    if (published != NoMedia && published != PlaybackComplete) {
+        internalStop(metadata);   // onStop() loads the pair once NoMedia is entered
+        return;
+    }
+    state()->load();
+    resetBroadcastedState();
+    if (!mPlayer.setMedia(metadata, onDeckMetadata)) {
+        emit loadMediaComplete(false);
+        state()->loadFailed();
+        return;
+    }
+    MEDIA2_elapsedTime.setValue(int(metadata.startPosition));
+    emit loadMediaComplete(true);
+}
+
+void GStreamerServerPlayer::playMediaFile(QString fileName)
+{
+    const bool result = mPlayer.playMediaFile(fileName);
+    LogLine(Logger::Info, nullptr) << "playMediaFile() " << result << ": " << fileName;
+    MEDIA2_playingCustomMedia.setValue(result);
+}
+
+void GStreamerServerPlayer::stopMediaFile()
+{
+    LOG_INFO << "";
+    mPlayer.stopMediaFile();
+    MEDIA2_playingCustomMedia.setValue(false);
+}
+
+void GStreamerServerPlayer::gstreamerStateChanged(GStreamerPlayer::State engineState)
+{
+    switch (engineState) {
+    case GStreamerPlayer::Stopped:
+        state()->stopSucceeded();
+        break;
+    case GStreamerPlayer::Playing:
+        state()->playSucceeded();
+        break;
+    case GStreamerPlayer::Paused:
+        state()->pauseSucceeded();
+        break;
+    case GStreamerPlayer::Error:
+    case GStreamerPlayer::ErrorTimeout:
+    case GStreamerPlayer::ErrorForbidden:
+        state()->error();
+        break;
+    }
+}
+
+// Each event is taken only by the states that handle it: Invalid is a failed load while
+// loading and a failed buffering while buffering.
+void GStreamerServerPlayer::gstreamerMediaStatusChanged(GStreamerPlayer::MediaStatus status)
+{
+    switch (status) {
+    case GStreamerPlayer::Loaded:
+        state()->loadSucceeded();
+        break;
+    case GStreamerPlayer::Buffering:
+        state()->buffer();
+        break;
+    case GStreamerPlayer::Buffered:
+        state()->bufferingSucceeded();
+        break;
+    case GStreamerPlayer::EndOfMedia:
+        if (MEDIA2_playingCustomMedia.value())
+            MEDIA2_playingCustomMedia.setValue(false);
+        state()->playbackComplete();
+        break;
+    case GStreamerPlayer::Invalid:
+        state()->loadFailed();
+        state()->bufferingFailed();
+        break;
+    case GStreamerPlayer::None:
+    case GStreamerPlayer::Loading:
+        LOG_INFO << "media status " << int(status);
+        break;
+    }
+}
+
+void GStreamerServerPlayer::gstreamerPositionChanged(qint64 msPos)
+{
+    MEDIA2_elapsedTime.setValue(int(msPos));
+}
+
+void GStreamerServerPlayer::gstreamerMetadataChanged()
+{
+    const GStreamerMediaMetadata metadata = mPlayer.getAvailableMetadata();
+    MEDIA2_nowPlayingTitle.setValue(metadata.title.trimmed());
+    MEDIA2_streamBitRate.setValue(int(metadata.bitrate));
+}
+
+void GStreamerServerPlayer::streamingMediaBufferProgress(qreal percent, qint64 downloadedBytes, qint64 totalBytes)
+{
+    MEDIA2_bufferProgress.setValue(percent);
+    MEDIA2_downloadedBytes.setValue(quint64(downloadedBytes));
+    MEDIA2_totalBytes.setValue(quint64(totalBytes));
 }
 
 } // namespace MediaV2

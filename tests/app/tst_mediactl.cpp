@@ -54,14 +54,14 @@ private slots:
         QTest::addColumn<int>("status");
         QTest::addColumn<QString>("out");
         QTest::addColumn<QString>("err");
-        // Without a playback engine the server answers every player request false.
+        // Nothing is loaded yet: play is refused.
         QTest::newRow("false answer is status 1") << QStringList{"play", "5000"} << 1 << "false\n" << "";
         QTest::newRow("load builds the item and answers")
             << QStringList{"load", "http://127.0.0.1/a.mp3", "--cache-key", "a", "--start", "1000", "--on-deck", "http://127.0.0.1/b.mp3"}
-            << 1 << "false\n" << "";
+            << 0 << "true\n" << "";
         QTest::newRow("service status is JSON") << QStringList{"service-status"} << 0 << "{\"uptime\":" << "";
         QTest::newRow("valid value prints it") << QStringList{"get", "MEDIA2_bufferProgress"} << 0 << "0\n" << "";
-        QTest::newRow("invalid value is status 1") << QStringList{"get", "MEDIA2_serverState"} << 1 << "invalid\n" << "";
+        QTest::newRow("invalid value is status 1") << QStringList{"get", "LINK_linkState"} << 1 << "invalid\n" << "";
         QTest::newRow("set a read-only value is refused")
             << QStringList{"set", "MEDIA2_elapsedTime", "5"} << 2 << ""
             << "cabin-mediactl: set: MEDIA2_elapsedTime is read-only: only its owner sets it (com.kelvramotors.Error.ReadOnly)\n";

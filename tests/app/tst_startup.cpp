@@ -281,14 +281,20 @@ private slots:
         QVERIFY(run.finish());
         QCOMPARE(run.process.exitStatus(), QProcess::NormalExit);
         QCOMPARE(run.process.exitCode(), 0);
-        QStringList texts = run.logTexts();
-        QVERIFY(!texts.isEmpty());
-        texts.first().replace(QRegularExpression(QStringLiteral("pid [1-9][0-9]*,")), QStringLiteral("pid N,"));
+        // The milestones of start-up and shutdown, in order: the player exists (its machine in
+        // NoMedia, published) before the service is served, and playback is stopped at the end.
+        const QRegularExpression milestone(QStringLiteral("^INFO (startUp|MediaServerMachineSM|logChange|start|run|readSignals|"
+                                                          "shutDown|internalStop)\\(\\)"));
+        const QStringList texts = run.logTexts().filter(milestone).replaceInStrings(
+            QRegularExpression(QStringLiteral("pid [1-9][0-9]*,")), QStringLiteral("pid N,"));
         QCOMPARE(texts, (QStringList{"INFO startUp(): CabinMediaServer2 0.1.0 starting, pid N, settings file " + path,
+                                     "INFO MediaServerMachineSM(): Transition to initial state NoMediaState because initializing",
+                                     "INFO logChange(): MEDIA2_serverState changed: NoMedia, NoError",
                                      "INFO start(): serving 1 services on the bus at " + run.busAddress(),
                                      "INFO run(): running",
                                      "INFO readSignals(): received " + name + ", shutting down",
                                      "INFO shutDown(): event loop ended, shutting down",
+                                     "INFO internalStop(): already stopped",
                                      "INFO shutDown(): stopped"}));
     }
 
@@ -356,7 +362,7 @@ private slots:
             ServerRun run;
             QVERIFY(run.runToEnd({"--set", "service/bus=" + address}));
             QCOMPARE(run.process.exitCode(), 1);
-            QVERIFY2(run.logTexts().last().startsWith(error), qPrintable(run.err));
+            QVERIFY2(!run.logTexts().filter(QRegularExpression("^" + QRegularExpression::escape(error))).isEmpty(), qPrintable(run.err));
         }
         first.process.terminate();
         QVERIFY(first.finish());
@@ -373,9 +379,9 @@ private slots:
         const qsizetype fatal = run.err.indexOf(QLatin1String("\nERROR fatal signal ABRT, backtrace:\n"));
         QVERIFY2(fatal > 0, qPrintable(run.err));
         const QStringList lines = run.err.left(fatal).split(QLatin1Char('\n'));
-        QCOMPARE(lines.size(), 3);   // start-up, serving, running
+        QVERIFY2(lines.size() >= 3, qPrintable(run.err));   // start-up, serving, running at least
         for (const QString& line : lines)
-            QVERIFY2(line.startsWith(QLatin1String("<6>INFO [main] ")), qPrintable(line));
+            QVERIFY2(line.startsWith(QLatin1String("<6>INFO [")), qPrintable(line));
     }
 };
 

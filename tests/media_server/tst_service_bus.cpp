@@ -1,5 +1,5 @@
-// The real cabin-media-server on a private bus, called with raw D-Bus messages. This build has
-// no playback engine, so every yes/no request answers false at once: the answers are deterministic.
+// The real cabin-media-server on a private bus, called with raw D-Bus messages. Nothing is
+// loaded, so a play request is refused at once: the answers are deterministic.
 
 #include "tests/support/PrivateBus.h"
 
@@ -77,7 +77,7 @@ private slots:
         QTest::newRow("named play with an extra key still answers")
             << kServer << kServerIf << "play" << QVariantList{QVariantMap{{position, 5000}, {"extra", true}}} << no << "" << "";
         QTest::newRow("a one megabyte file name is answered")
-            << kServer << kServerIf << "playMediaFile" << QVariantList{QString(1 << 20, 'a')} << no << "" << "";
+            << kServer << kServerIf << "playMediaFile" << QVariantList{QString(1 << 20, 'a')} << QVariantList{true} << "" << "";
         QTest::newRow("killBufferDownload answers with no arguments")
             << kServer << kServerIf << "killBufferDownload" << none << none << "" << "";
         QTest::newRow("a string position is InvalidArgs naming the argument")
@@ -166,7 +166,8 @@ private slots:
         QTest::addColumn<bool>("valid");
         QTest::addColumn<QString>("signature");
         QTest::addColumn<QVariant>("value");   // not compared for containers
-        for (const char* name : {"MEDIA2_serverState", "MEDIA2_nowPlayingTitle", "MEDIA2_streamBitRate", "MEDIA2_totalBytes",
+        QTest::newRow("MEDIA2_serverState is NoMedia from the start") << "MEDIA2_serverState" << true << "ai" << QVariant();
+        for (const char* name : {"MEDIA2_nowPlayingTitle", "MEDIA2_streamBitRate", "MEDIA2_totalBytes",
                                  "MEDIA2_downloadedBytes", "MEDIA2_elapsedTime", "LINK_linkState"})
             QTest::addRow("%s has no value before anything", name) << QString(name) << false << "s" << QVariant(QString());
         QTest::newRow("MEDIA2_bufferProgress is a valid zero from the start") << "MEDIA2_bufferProgress" << true << "d" << QVariant(0.0);
