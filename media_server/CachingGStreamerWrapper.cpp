@@ -201,8 +201,13 @@ bool CachingGStreamerWrapper::stopMediaFile()
 GStreamerMediaMetadata CachingGStreamerWrapper::getAvailableMetadata() const
 {
     GStreamerMediaMetadata metadata = mPlayer.getAvailableMetadata();
-    if (mMediaFIFO && !mMediaFIFO->getAvailableMetadata().title.isEmpty())
-        metadata.title = mMediaFIFO->getAvailableMetadata().title;
+    if (!mMediaFIFO)
+        return metadata;
+    const GStreamerMediaMetadata station = mMediaFIFO->getAvailableMetadata();
+    if (!station.title.isEmpty())
+        metadata.title = station.title;
+    if (metadata.bitrate == 0)
+        metadata.bitrate = station.bitrate;
     return metadata;
 }
 

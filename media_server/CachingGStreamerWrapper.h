@@ -30,7 +30,7 @@ class StreamingMediaPreloader;
 // Decisions:
 // - While a FIFO feeds the engine, getAvailableMetadata() is the engine's record with the
 //   station's current title in it: the FIFO cuts the titles out of the stream, so the engine
-//   never sees them.
+//   never sees them. Its bit rate is the station's announced one while the engine has none.
 // - The stream cache and its thread end with the wrapper (after the calls already queued to
 //   them) or at shutdown in the platform's finalisation, whichever comes first; the cache's
 //   answers come queued, so none reaches a destroyed wrapper.

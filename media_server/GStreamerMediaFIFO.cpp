@@ -114,6 +114,8 @@ void GStreamerMediaFIFO::urlResolved(QString requested, QString resolved)
 
 void GStreamerMediaFIFO::downloadMetadataChanged()
 {
+    if (mDownloader && mDownloader->hasResponseHeader("icy-br"))
+        takeAnnouncedBitrate(mDownloader->responseHeader("icy-br"));
     if (!mDownloader || !mDownloader->hasResponseHeader("icy-metaint"))
         return;
     QByteArray value = mDownloader->responseHeader("icy-metaint");
@@ -124,6 +126,18 @@ void GStreamerMediaFIFO::downloadMetadataChanged()
     const uint interval = value.trimmed().toUInt(&ok);
     if (ok && interval > 0)   // 0: the station sends no titles after all
         mExtractor.setMetadataInterval(int(qMin<uint>(interval, std::numeric_limits<int>::max())));
+}
+
+// "icy-br" is the station's bit rate in kbit/s ("128", or "128,128" from some servers). The
+// engine sees only the bare audio through the FIFO and may never tag a bit rate of its own.
+void GStreamerMediaFIFO::takeAnnouncedBitrate(const QByteArray& header)
+{
+    bool ok = false;
+    const uint kbps = header.split(',').value(0).trimmed().toUInt(&ok);
+    if (!ok || kbps == 0 || kbps > 100000 || mMetadata.bitrate == kbps * 1000)
+        return;
+    mMetadata.bitrate = kbps * 1000;
+    emit metadataChanged();
 }
 
 void GStreamerMediaFIFO::dataAvailable(QByteArray chunk)

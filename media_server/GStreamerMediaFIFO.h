@@ -73,6 +73,7 @@ public slots:
     void dataAvailable(QByteArray chunk);
     void downloadComplete(NetDownloader* downloader, NetDownloader::Status status);
     void downloadMetadataChanged();
+    void takeAnnouncedBitrate(const QByteArray& header);
     void needData(int length);
     void enoughData();
 

@@ -85,12 +85,25 @@ void GStreamerServerPlayer::machineStateChanged()
     const MediaServerState published = currentState();
     const auto engine = ServerStateRules::EngineState(mPlayer.getState());
     MEDIA2_serverState.setState(published, ServerStateRules::errorForState(published, engine));
-    if (state()->state_id() != MediaServerMachineSM::Buffered)
+    const int entered = state()->state_id();
+    if (entered == MediaServerMachineSM::Loaded && mPlayWhenLoaded >= 0)
+        playHeldRequest();
+    else if (entered != MediaServerMachineSM::Loading)
+        mPlayWhenLoaded = -1;
+    if (entered != MediaServerMachineSM::Buffered)
         return;
     if (mPlayer.isPlaying())
         state()->alreadyPlaying();
     else
         play(0);
+}
+
+void GStreamerServerPlayer::playHeldRequest()
+{
+    const qint64 pos = mPlayWhenLoaded;
+    mPlayWhenLoaded = -1;
+    LOG_INFO << "item loaded, playing from " << pos;
+    play(pos);
 }
 
 void GStreamerServerPlayer::onStop()
@@ -121,12 +134,19 @@ void GStreamerServerPlayer::play(qint64 milliSecondsPos)
         emit playComplete(true);
         return;
     }
+    if (currentState() == Loading) {
+        // The engine still holds the previous item (or nothing) until this one is loaded.
+        LOG_INFO << "held until the item is loaded";
+        mPlayWhenLoaded = qMax<qint64>(0, milliSecondsPos);
+        emit playComplete(true);
+        return;
+    }
     LOG_INFO << "playing";
     state()->play();
     if (mPlayer.isPlaying()) {
         emit playComplete(true);
         state()->playSucceeded();
-    } else if (!mPlayer.play(milliSecondsPos)) {
+    } else if (!mPlayer.play(startFrom(milliSecondsPos))) {
         emit playComplete(false);
         state()->playFailed();
     } else {
@@ -167,6 +187,7 @@ void GStreamerServerPlayer::seek(int milliSecondsPos)
         return;
     }
     state()->seek();
+    mItemStartMs = 0;
     if (!mPlayer.seek(milliSecondsPos)) {
         emit seekComplete(false);
         state()->seekFailed();
@@ -225,7 +246,17 @@ void GStreamerServerPlayer::loadMedia(MediaPlaybackMetadata metadata, MediaPlayb
         return;
     }
     MEDIA2_elapsedTime.setValue(int(metadata.startPosition));
+    mItemStartMs = qMax<qint64>(0, metadata.startPosition);
     emit loadMediaComplete(true);
+}
+
+// Position 0 asks for no particular place: the item's own start position (a resumed episode),
+// once. A later play after a pause resumes where playback stands.
+qint64 GStreamerServerPlayer::startFrom(qint64 requestedMs)
+{
+    const qint64 from = requestedMs > 0 ? requestedMs : mItemStartMs;
+    mItemStartMs = 0;
+    return from;
 }
 
 void GStreamerServerPlayer::playMediaFile(QString fileName)

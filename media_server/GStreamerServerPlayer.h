@@ -21,6 +21,10 @@ class MediaServerMachineState;
 // and the published MEDIA2_* values. Every entry into a machine state publishes the pair
 // (state, error) in MEDIA2_serverState.
 //
+// A play from position 0 starts a freshly loaded item at its own "startposition". A play asked
+// for while the item is still loading is answered true and done once it is loaded: the engine
+// still holds the previous item until then. A load that fails drops it.
+//
 // Answers: play, pause and stop in the state they ask for answer true at once; a seek outside
 // Playing and Paused is logged and never answered (the client's call times out); a load while
 // anything is loaded stops first and loads the pair once the machine is back in NoMedia, and
@@ -81,6 +85,8 @@ public slots:
 
 private:
     void internalStop(const MediaPlaybackMetadata& item);
+    qint64 startFrom(qint64 requestedMs);
+    void playHeldRequest();
     void connectWrapper();
     MediaServerMachineState* state() const;
 
@@ -89,6 +95,8 @@ private:
     MediaPlaybackMetadata mPendingOnDeckMetadata;
     std::unique_ptr<MediaServerMachineSM> mMachine;
     bool mTrace;
+    qint64 mItemStartMs = 0;   // the loaded item's "startposition", until the first play or seek
+    qint64 mPlayWhenLoaded = -1;   // a play asked for while loading (-1: none), done on Loaded
 };
 
 } // namespace MediaV2

@@ -98,8 +98,11 @@ struct LivePlayback {
             source = GST_ELEMENT(gst_object_ref(element));
             passed.watch(source);
         });
+        // Title changes only: the station's bit rate is announced through the same signal.
         QObject::connect(fifo.get(), &GStreamerMediaFIFO::metadataChanged, fifo.get(), [this] {
-            titles.append(fifo->getAvailableMetadata().title);
+            const QString title = fifo->getAvailableMetadata().title;
+            if (!title.isEmpty() && (titles.isEmpty() || titles.last() != title))
+                titles.append(title);
         });
         fifo->start();
         player->setMedia(QUrl(QStringLiteral("appsrc://")), true);
