@@ -65,7 +65,8 @@ public:
     static QString stringForMediaStatus(MediaStatus status);
     static QString stringForGstState(GstState state);
 
-    // The pipeline, for tests that inspect it; null when construction failed.
+    // The pipeline, for tests that inspect it; null when construction failed. A new one is built
+    // for every item (setMedia).
     GstElement* pipeline() const { return mPipeline; }
 
 signals:
@@ -83,6 +84,7 @@ public slots:
 private:
     void cleanup();
     bool buildPipeline();
+    bool renewPipeline();
     void setState(State state);
     void setMediaStatus(MediaStatus status);
     void dispatch(GstMessage* message);
