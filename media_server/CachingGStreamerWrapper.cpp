@@ -56,13 +56,17 @@ CachingGStreamerWrapper::CachingGStreamerWrapper(QObject* parent)
 
 // The cache goes with its thread: the lookups and stores already queued run first, then the
 // cache is deleted on its own thread as the thread ends, and the thread is joined. An answer
-// posted to this wrapper meanwhile is dropped with it. (At process exit the finalisers have
-// already closed the cache and stopped the thread; this finds them done.)
+// posted to this wrapper meanwhile is dropped with it. At process exit the finalisers have
+// already closed the cache and stopped its thread, which would never run a deferred deletion:
+// the cache is deleted here, with nothing left to race it.
 CachingGStreamerWrapper::~CachingGStreamerWrapper()
 {
     cleanup();
     disconnect(mStreamCache, nullptr, this, nullptr);
-    mStreamCache->deleteLater();
+    if (mStreamCacheThread->isFinished())
+        delete mStreamCache;
+    else
+        mStreamCache->deleteLater();
     delete mStreamCacheThread;
 }
 
