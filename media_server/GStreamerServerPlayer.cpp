@@ -162,6 +162,13 @@ void GStreamerServerPlayer::pause()
         emit pauseComplete(true);
         return;
     }
+    if (currentState() == Loading) {
+        // Nothing of this item plays yet, and the engine still holds the previous one.
+        LOG_INFO << "nothing to pause while the item loads";
+        mPlayWhenLoaded = -1;
+        emit pauseComplete(true);
+        return;
+    }
     LOG_INFO << "pausing";
     state()->pause();
     if (mPlayer.isPaused()) {

@@ -23,7 +23,8 @@ class MediaServerMachineState;
 //
 // A play from position 0 starts a freshly loaded item at its own "startposition". A play asked
 // for while the item is still loading is answered true and done once it is loaded: the engine
-// still holds the previous item until then. A load that fails drops it.
+// still holds the previous item until then. A load that fails drops it, and so does a pause
+// asked for while loading (answered true: nothing plays).
 //
 // Answers: play, pause and stop in the state they ask for answer true at once; a seek outside
 // Playing and Paused is logged and never answered (the client's call times out); a load while

@@ -82,6 +82,8 @@ private slots:
     void initTestCase();
     void playsEachSourceWhole_data();
     void playsEachSourceWhole();
+    void answersRequestsWhileLoading_data();
+    void answersRequestsWhileLoading();
     void answersControlRequests();
     void loadWhilePlayingStopsFirst();
     void replaysFromTheCacheAndPreloadsTheNextItem();
@@ -117,6 +119,10 @@ void TestServerEndToEnd::initTestCase()
         resource.body = contentsOf(mShort);
         mMedia.setResource(path, resource);
     }
+    TestHttpResource slow;   // two seconds of loading
+    slow.body = contentsOf(mShort);
+    slow.bytesPerSecond = 32000;
+    mMedia.setResource("/slow.mp3", slow);
     TestHttpResource longItem;
     longItem.body = contentsOf(mLong);
     mMedia.setResource("/long.mp3", longItem);
@@ -218,6 +224,38 @@ void TestServerEndToEnd::playsEachSourceWhole()
         QCOMPARE(mServer.value("MEDIA2_downloadedBytes"), (QVariantList{true, size}));
         QCOMPARE(mServer.value("MEDIA2_totalBytes"), (QVariantList{true, size}));
     }
+}
+
+// Requests that arrive while the item is still downloading its first part: a play is done once
+// the item is loaded, and a pause after it cancels it.
+void TestServerEndToEnd::answersRequestsWhileLoading_data()
+{
+    QTest::addColumn<QStringList>("requests");
+    QTest::addColumn<QString>("line");
+    QTest::addColumn<bool>("heard");
+    QTest::newRow("play") << QStringList{"play"} << "play(): held until the item is loaded" << true;
+    QTest::newRow("play, then pause") << QStringList{"play", "pause"} << "pause(): nothing to pause while the item loads" << false;
+}
+
+void TestServerEndToEnd::answersRequestsWhileLoading()
+{
+    QFETCH(QStringList, requests);
+    QFETCH(QString, line);
+    QFETCH(bool, heard);
+    const int mark = mServer.logLineCount();
+    QVERIFY(load(item("/slow.mp3", QStringLiteral("loading-%1").arg(requests.size()))));
+    for (const QString& request : requests)
+        QVERIFY(answer(request, request == "play" ? QVariantList{0} : QVariantList{}));
+    QTRY_VERIFY_WITH_TIMEOUT(mServer.logHas(line, mark), kWaitMs);
+    QVERIFY(waitForState("Loaded", mark));
+    if (heard) {
+        QVERIFY(waitForState("PlaybackComplete", mark));
+        QCOMPARE(secondsHeard(), WavReader::secondsFromTo(0, kShortSeconds - 1));
+        return;
+    }
+    QVERIFY(answer("stop"));
+    QVERIFY(waitForState("NoMedia", mark));
+    QVERIFY2(!mServer.pairsSince(mark).contains("TryingToPlay, NoError"), qPrintable(mServer.pairsSince(mark).join(" | ")));
 }
 
 // Each request in turn on a 16 s item: its answer, the state it leaves, and the line that shows
