@@ -12,6 +12,9 @@
 #include <QJsonObject>
 #include <QRandomGenerator>
 #include <QRegularExpression>
+#include <QSqlDatabase>
+#include <QSqlError>
+#include <QSqlQuery>
 #include <QtTest>
 
 namespace {
@@ -100,6 +103,7 @@ private:
     bool waitForState(const QString& state, int since = -1);
     QList<int> secondsHeard() const;
     bool answer(const QString& method, const QVariantList& args = {});
+    bool ageCacheEntry(const QString& key, int seconds);
 
     TestHttpServer mMedia;
     ServerProcess mServer;
@@ -317,8 +321,9 @@ void TestServerEndToEnd::loadWhilePlayingStopsFirst()
     QCOMPARE(secondsHeard(), WavReader::secondsFromTo(0, kShortSeconds - 1));
 }
 
-// The same item again plays from the stream cache, complete at once and not counted as a saved
-// download so soon; the item announced as next was preloaded and plays from the cache too.
+// The same item again plays from the stream cache, complete at once, and counts as a saved
+// download only when it was last used more than 600 s ago; the item announced as next was
+// preloaded and plays from the cache too.
 void TestServerEndToEnd::replaysFromTheCacheAndPreloadsTheNextItem()
 {
     const QVariantMap cached{{"should_cache", true}};
@@ -326,16 +331,45 @@ void TestServerEndToEnd::replaysFromTheCacheAndPreloadsTheNextItem()
     QVERIFY(answer("play", {0}));
     QVERIFY(waitForState("PlaybackComplete"));
     QTRY_VERIFY_WITH_TIMEOUT(mServer.logHas("stored cache-b"), kWaitMs);
-    for (const QString& key : QStringList{"cache-a", "cache-b"}) {
+    struct Replay {
+        const char* key;
+        const char* path;
+        int idleSeconds;   // last use moved this far back first (0: as it is)
+        bool counted;
+    };
+    for (const Replay& replay : {Replay{"cache-a", "/a.mp3", 0, false}, Replay{"cache-b", "/next.mp3", 0, false},
+                                 Replay{"cache-a", "/a.mp3", 601, true}}) {
+        if (replay.idleSeconds > 0)
+            QVERIFY(ageCacheEntry(replay.key, replay.idleSeconds));
         const int mark = mServer.logLineCount();
-        QVERIFY(load(item(key == "cache-a" ? "/a.mp3" : "/next.mp3", key, cached)));
+        QVERIFY(load(item(replay.path, replay.key, cached)));
         QTRY_VERIFY_WITH_TIMEOUT(mServer.logHas("Cached in StreamCache, playing from", mark), kWaitMs);
         QVERIFY(answer("play", {0}));
-        QVERIFY(waitForState("PlaybackComplete"));
+        QVERIFY(waitForState("PlaybackComplete", mark));
         QCOMPARE(mServer.value("MEDIA2_bufferProgress"), (QVariantList{true, 1.0}));
-        QCOMPARE(mServer.value("MEDIA2_streamCached"), (QVariantList{true, false}));
+        QCOMPARE(mServer.value("MEDIA2_streamCached"), (QVariantList{true, replay.counted}));
         QCOMPARE(secondsHeard(), WavReader::secondsFromTo(0, kShortSeconds - 1));
     }
+}
+
+// Moves the entry's last use `seconds` into the past in the server's cache database (SQLite in
+// WAL mode takes a second writer).
+bool TestServerEndToEnd::ageCacheEntry(const QString& key, int seconds)
+{
+    bool updated = false;
+    {
+        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), QStringLiteral("age"));
+        db.setDatabaseName(mServer.home() + QStringLiteral("/cache/CabinMediaServer2/stream_cache/stream_cache.db"));
+        QSqlQuery query(db);
+        updated = db.open() && query.prepare(QStringLiteral("UPDATE streams SET last_access = last_access - ? WHERE cachekey = ?"));
+        query.addBindValue(seconds);
+        query.addBindValue(key);
+        updated = updated && query.exec() && query.numRowsAffected() == 1;
+        if (!updated)
+            qWarning("%s", qPrintable(query.lastError().text() + db.lastError().text()));
+    }
+    QSqlDatabase::removeDatabase(QStringLiteral("age"));
+    return updated;
 }
 
 // A custom file plays beside the state machine; the flag shows it until it is stopped or ends.
@@ -372,17 +406,19 @@ void TestServerEndToEnd::playsLiveRadioWithItsTitles()
     QVERIFY(waitForState("NoMedia"));
 }
 
-// Each way a fetch fails ends in its published state and error; the next load plays.
+// Each way a fetch fails, and a file that is no audio, ends in its published state and error;
+// the next load plays.
 void TestServerEndToEnd::failuresEndInTheirState_data()
 {
     QTest::addColumn<int>("status");
-    QTest::addColumn<qint64>("stallAfter");
+    QTest::addColumn<qint64>("stallAfter");   // -2: the body replaced by noise
     QTest::addColumn<bool>("unreachable");
     QTest::addColumn<QString>("pair");
     QTest::newRow("not found") << 404 << qint64(-1) << false << "MediaFetchError, RecoverableFetchError";
     QTest::newRow("server gone, retries used up") << 200 << qint64(-1) << true << "MediaFetchError, RecoverableFetchError";
     QTest::newRow("forbidden") << 403 << qint64(-1) << false << "MediaFetchError, ForbiddenFetchError";
     QTest::newRow("server silent") << 200 << qint64(0) << false << "MediaFetchError, TimeoutFetchError";
+    QTest::newRow("undecodable file") << 200 << qint64(-2) << false << "PlaybackError, RecoverablePlaybackError";
 }
 
 void TestServerEndToEnd::failuresEndInTheirState()
@@ -394,11 +430,17 @@ void TestServerEndToEnd::failuresEndInTheirState()
     TestHttpResource failing;
     failing.status = status;
     failing.body = contentsOf(mShort);
+    if (stallAfter == -2) {   // the right length of bytes no decoder takes for audio
+        QRandomGenerator noise(7);
+        for (char& byte : failing.body)
+            byte = char(noise.bounded(256));
+        stallAfter = -1;
+    }
     failing.stallAfter = stallAfter;
     const QString path = QStringLiteral("/failing-%1-%2").arg(status).arg(stallAfter);
     mMedia.setResource(path, failing);
     QVERIFY(load(item(unreachable ? QStringLiteral("http://127.0.0.1:1/gone.mp3") : path, path)));
-    QVERIFY(waitForState("MediaFetchError"));
+    QVERIFY(waitForState(pair.section(',', 0, 0)));
     QCOMPARE(mServer.publishedPair(), pair);
     QVERIFY(load(item("/short.mp3", "")));
     QVERIFY(answer("play", {0}));
