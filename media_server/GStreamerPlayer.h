@@ -68,6 +68,9 @@ public:
     // The pipeline, for tests that inspect it; null when construction failed. A new one is built
     // for every item (setMedia).
     GstElement* pipeline() const { return mPipeline; }
+    // The volume the item is rendered at (0.0 while muted for a pending seek); 1.0 without a
+    // volume element.
+    double volume() const;
 
 signals:
     void mediaStatusChanged(GStreamerPlayer::MediaStatus status);
@@ -101,6 +104,7 @@ private:
     void sourceElementChanged(GstObject* notifier);
 
     GstElement* mPipeline = nullptr;
+    GstElement* mVolume = nullptr;   // owned by mPipeline
     GstBus* mBus = nullptr;
     QTimer mBusTimer;
     QTimer mProgressTimer;
