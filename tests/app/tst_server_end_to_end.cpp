@@ -176,9 +176,13 @@ bool TestServerEndToEnd::waitForState(const QString& state, int since)
     const QDeadlineTimer deadline(kWaitMs);
     while (!reached() && !deadline.hasExpired())
         QTest::qWait(20);
-    if (!reached())
-        qWarning("waited for %s, published: %s", qPrintable(state), qPrintable(mServer.publishedPair()));
-    return reached();
+    if (reached())
+        return true;
+    // The server's own account of the wait, for a failure seen only once in a while.
+    const QStringList log = mServer.logLines();
+    qWarning("waited for %s, published: %s; the server's last log lines:\n%s", qPrintable(state),
+             qPrintable(mServer.publishedPair()), qPrintable(log.mid(qMax(0, int(log.size()) - 40)).join(QLatin1Char('\n'))));
+    return false;
 }
 
 QList<int> TestServerEndToEnd::secondsHeard() const
