@@ -45,4 +45,27 @@ QString nodeXml(const QString& interfaceElements)
         + interfaceElements + QStringLiteral("</node>\n");
 }
 
+bool answerIntrospectOrForeignInterface(const QDBusMessage& message, const QDBusConnection& connection,
+                                        const QString& dbusInterface, const QString& interfaceElements)
+{
+    const QString interface = message.interface();
+    QDBusConnection bus(connection);
+    if (interface == QLatin1String("org.freedesktop.DBus.Introspectable") && message.member() == QLatin1String("Introspect")) {
+        bus.send(message.createReply(nodeXml(interfaceElements)));
+        return true;
+    }
+    if (interface.isEmpty() || interface == dbusInterface)
+        return false;
+    bus.send(message.createErrorReply(QStringLiteral("org.freedesktop.DBus.Error.UnknownInterface"),
+                                      QStringLiteral("no interface %1 at %2").arg(interface, message.path())));
+    return true;
+}
+
+void answerUnknownMethod(const QDBusMessage& message, const QDBusConnection& connection, const QString& dbusInterface)
+{
+    QDBusConnection(connection).send(message.createErrorReply(
+        QStringLiteral("org.freedesktop.DBus.Error.UnknownMethod"),
+        QStringLiteral("%1 has no method %2(%3)").arg(dbusInterface, message.member(), message.signature())));
+}
+
 } // namespace DBusInterfaceXml

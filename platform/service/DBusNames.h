@@ -13,6 +13,7 @@ QString interfaceName(const QString& interfaceName);
 
 inline const char* readOnlyError() { return "com.kelvramotors.Error.ReadOnly"; }
 inline const char* unknownValueError() { return "com.kelvramotors.Error.UnknownValue"; }
+inline const char* unknownMessageError() { return "com.kelvramotors.Error.UnknownMessage"; }
 // A deferred request the service did not answer in twice its time-out.
 inline const char* noAnswerError() { return "com.kelvramotors.Error.NoAnswer"; }
 

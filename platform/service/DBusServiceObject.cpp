@@ -17,17 +17,27 @@ DBusServiceObject::DBusServiceObject(ServiceInterface* service, const QDBusConne
 {
 }
 
-QString DBusServiceObject::introspect(const QString&) const
+QString DBusServiceObject::introspect(const QString& path) const
 {
-    return DBusInterfaceXml::interfaceXml(mDBusInterface, mService->methodTable());
+    const QString own = DBusInterfaceXml::interfaceXml(mDBusInterface, mService->methodTable());
+    return mCompanion ? own + mCompanion->introspect(path) : own;
 }
 
-bool DBusServiceObject::handleMessage(const QDBusMessage& message, const QDBusConnection&)
+void DBusServiceObject::addCompanion(QDBusVirtualObject* companion, const QString& dbusInterface)
+{
+    mCompanion = companion;
+    mCompanionInterface = dbusInterface;
+}
+
+bool DBusServiceObject::handleMessage(const QDBusMessage& message, const QDBusConnection& connection)
 {
     if (message.type() != QDBusMessage::MethodCallMessage)
         return false;
     if (handleIntrospection(message))
         return true;
+    if (mCompanion && (message.interface() == mCompanionInterface
+                       || (message.interface().isEmpty() && !findServiceMethod(mService->methodTable(), message.member()))))
+        return mCompanion->handleMessage(message, connection);
     if (!message.interface().isEmpty() && message.interface() != mDBusInterface) {
         sendError(message, QStringLiteral("org.freedesktop.DBus.Error.UnknownInterface"),
                   QStringLiteral("no interface %1 at %2").arg(message.interface(), message.path()));

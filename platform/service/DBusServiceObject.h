@@ -9,7 +9,7 @@ class ServiceCallContext;
 class ServiceInterface;
 struct ServiceMethod;
 
-// Serves one ServiceInterface at its object path: checks each message's interface itself,
+// Serves one ServiceInterface at its object path (and hands a companion's interface to it): checks each message's interface itself,
 // answers Introspect from the method table, refuses unknown methods and badly typed arguments
 // with D-Bus's own errors, turns the arguments into a server context, hands it to the service
 // and sends the answer when the context is answered, now or later.
@@ -26,6 +26,10 @@ public:
 
     QString introspect(const QString& path) const override;
     bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override;
+    // Another object served at the same path: calls to its D-Bus interface (and calls without
+    // an interface to a method the service lacks) go to it, and introspection shows both. One
+    // companion; not owned.
+    void addCompanion(QDBusVirtualObject* companion, const QString& dbusInterface);
 
 private slots:
     void sendAnswer(ServiceCallContext* context);
@@ -41,4 +45,6 @@ private:
     QString mDBusInterface;
     QHash<ServiceCallContext*, QDBusMessage> mPending;   // contexts waiting for their answer
     bool mInDispatch = false;   // a request is being handed to the service right now
+    QDBusVirtualObject* mCompanion = nullptr;
+    QString mCompanionInterface;
 };

@@ -53,26 +53,21 @@ QString DataValueBusObject::introspect(const QString&) const
         "  </interface>\n");
 }
 
-bool DataValueBusObject::handleMessage(const QDBusMessage& message, const QDBusConnection&)
+bool DataValueBusObject::handleMessage(const QDBusMessage& message, const QDBusConnection& connection)
 {
     if (message.type() != QDBusMessage::MethodCallMessage)
         return false;
-    const QString interface = message.interface();
+    if (DBusInterfaceXml::answerIntrospectOrForeignInterface(message, connection, QLatin1String(kInterface), introspect(message.path())))
+        return true;
     const QString member = message.member();
-    if (interface == QLatin1String("org.freedesktop.DBus.Introspectable") && member == QLatin1String("Introspect"))
-        mConnection.send(message.createReply(DBusInterfaceXml::nodeXml(introspect(message.path()))));
-    else if (!interface.isEmpty() && interface != QLatin1String(kInterface))
-        mConnection.send(message.createErrorReply(QStringLiteral("org.freedesktop.DBus.Error.UnknownInterface"),
-                                                  QStringLiteral("no interface %1 at /DataValues").arg(interface)));
-    else if (member == QLatin1String("Get") && message.signature() == QLatin1String("s"))
+    if (member == QLatin1String("Get") && message.signature() == QLatin1String("s"))
         get(message);
     else if (member == QLatin1String("List") && message.signature().isEmpty())
         mConnection.send(message.createReply(DataValueManager::instance()->names()));
     else if (member == QLatin1String("Set") && message.signature() == QLatin1String("sv"))
         set(message);
     else
-        mConnection.send(message.createErrorReply(QStringLiteral("org.freedesktop.DBus.Error.UnknownMethod"),
-                                                  QStringLiteral("%1 has no method %2(%3)").arg(QLatin1String(kInterface), member, message.signature())));
+        DBusInterfaceXml::answerUnknownMethod(message, connection, QLatin1String(kInterface));
     return true;
 }
 

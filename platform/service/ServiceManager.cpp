@@ -5,7 +5,9 @@
 #include "platform/service/DBusNames.h"
 #include "platform/service/DBusServiceClient.h"
 #include "platform/service/DBusServiceObject.h"
+#include "platform/service/DataPublisherBusObject.h"
 #include "platform/service/DataValueBusObject.h"
+#include "platform/service/ServiceDataPublisher.h"
 #include "platform/service/ServiceInterface.h"
 #include "platform/service/ServiceManagerRegistrar.h"
 #include "utils/Singleton.h"
@@ -37,6 +39,11 @@ ServiceManager::~ServiceManager()
         mConnection.unregisterObject(DBusNames::objectPath(server->interfaceName()));
     if (mDataValues)
         mConnection.unregisterObject(QStringLiteral("/DataValues"));
+    for (const auto& object : mPublisherObjects)
+        if (!mServiceObjects.contains(object->path()))
+            mConnection.unregisterObject(object->path());
+    mPublisherObjects.clear();
+    qDeleteAll(mPublishers);
     qDeleteAll(mServers);
     if (!mConnectionName.isEmpty())
         QDBusConnection::disconnectFromBus(mConnectionName);
@@ -84,7 +91,10 @@ bool ServiceManager::start()
         return false;
     }
     watchForBusLoss();
-    LOG_INFO << "serving " << mServers.size() << " services on " << busDescription();
+    LOG_INFO << "serving " << mServers.size() << " services and " << mPublishers.size() << " publishers on "
+             << busDescription();
+    for (ServiceDataPublisher* publisher : mPublishers)
+        publisher->publishNonBroadcastValues();
     return true;
 }
 
@@ -94,6 +104,11 @@ bool ServiceManager::createServers()
         if (registration.instanceType != ServerInstance || findServer(registration.serviceName, registration.interfaceName))
             continue;
         const QMetaObject* metaObject = ServiceManagerRegistrar::implementationOf(registration.metaObject);
+        if (metaObject->inherits(&ServiceDataPublisher::staticMetaObject)) {
+            if (!createPublisher(metaObject))
+                return false;
+            continue;
+        }
         auto* server = qobject_cast<ServiceInterface*>(metaObject->newInstance());
         if (!server) {
             LOG_ERROR << "cannot create the service " << registration.serviceName << " (class "
@@ -105,19 +120,51 @@ bool ServiceManager::createServers()
     return true;
 }
 
+bool ServiceManager::createPublisher(const QMetaObject* metaObject)
+{
+    auto* publisher = qobject_cast<ServiceDataPublisher*>(metaObject->newInstance());
+    if (!publisher) {
+        LOG_ERROR << "cannot create the publisher " << metaObject->className() << " (no invokable constructor without arguments)";
+        return false;
+    }
+    mPublishers.append(publisher);
+    return true;
+}
+
 bool ServiceManager::exportObjects(QString* error)
 {
     for (ServiceInterface* server : mServers) {
+        const QString path = DBusNames::objectPath(server->interfaceName());
         auto* object = new DBusServiceObject(server, mConnection, server);
-        if (!mConnection.registerVirtualObject(DBusNames::objectPath(server->interfaceName()), object)) {
-            *error = QStringLiteral("cannot serve %1 on %2").arg(DBusNames::objectPath(server->interfaceName()), busDescription());
+        if (!mConnection.registerVirtualObject(path, object)) {
+            *error = QStringLiteral("cannot serve %1 on %2").arg(path, busDescription());
             return false;
         }
+        mServiceObjects.insert(path, object);
     }
+    if (!exportPublishers(error))
+        return false;
     mDataValues = std::make_unique<DataValueBusObject>(mConnection);
     if (!mConnection.registerVirtualObject(QStringLiteral("/DataValues"), mDataValues.get())) {
         *error = QStringLiteral("cannot serve /DataValues on %1").arg(busDescription());
         return false;
+    }
+    return true;
+}
+
+// A publisher shares its path with the service of the same name (/MediaServer2 serves both the
+// requests and the messages); alone, it has the path to itself.
+bool ServiceManager::exportPublishers(QString* error)
+{
+    for (ServiceDataPublisher* publisher : mPublishers) {
+        mPublisherObjects.push_back(std::make_unique<DataPublisherBusObject>(publisher, mConnection));
+        DataPublisherBusObject* object = mPublisherObjects.back().get();
+        if (DBusServiceObject* service = mServiceObjects.value(object->path())) {
+            service->addCompanion(object, QLatin1String(DataPublisherBusObject::interfaceName()));
+        } else if (!mConnection.registerVirtualObject(object->path(), object)) {
+            *error = QStringLiteral("cannot serve %1 on %2").arg(object->path(), busDescription());
+            return false;
+        }
     }
     return true;
 }
@@ -128,6 +175,9 @@ bool ServiceManager::ownNames(QString* error)
     for (ServiceInterface* server : mServers)
         if (!names.contains(DBusNames::busName(server->serviceName())))
             names.append(DBusNames::busName(server->serviceName()));
+    for (ServiceDataPublisher* publisher : mPublishers)
+        if (!names.contains(DBusNames::busName(publisher->serviceName())))
+            names.append(DBusNames::busName(publisher->serviceName()));
     for (const QString& name : names) {
         const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> reply = mConnection.interface()->registerService(
             name, QDBusConnectionInterface::DontQueueService, QDBusConnectionInterface::DontAllowReplacement);

@@ -1,21 +1,28 @@
 #pragma once
 
 #include <QDBusConnection>
+#include <QHash>
 #include <QList>
 #include <QObject>
 
 #include <memory>
+#include <vector>
 
 class DBusServiceClient;
+class DBusServiceObject;
+class DataPublisherBusObject;
 class DataValueBusObject;
+class ServiceDataPublisher;
 class ServiceInterface;
 namespace NetStats {
 class ConnectionUsageDataValue;
 }
 
 // Hosts the process's services on D-Bus: connects to the bus named by "service/bus", creates
-// every service registered with ServiceManagerRegistrar, serves each at its object path, serves
-// the data values at /DataValues, and owns the services' bus names. Also the client end for
+// every service and status publisher registered with ServiceManagerRegistrar, serves each at
+// its object path (a publisher beside the service of its name, if there is one), serves the
+// data values at /DataValues, owns the services' and publishers' bus names, and has every
+// publisher send each of its messages once when serving starts. Also the client end for
 // calling services of other processes.
 //
 // Thread: main thread. Owns the service objects, the bus objects and the client. Failure:
@@ -34,6 +41,7 @@ public:
     bool start();
 
     ServiceInterface* findServer(const QString& serviceName, const QString& interfaceName) const;
+    const QList<ServiceDataPublisher*>& publishers() const { return mPublishers; }
     QDBusConnection connection() const { return mConnection; }
     // A human-readable name of the configured bus, for messages.
     QString busDescription() const;
@@ -51,13 +59,18 @@ private:
     friend class ServiceManagerSingleton;
     ServiceManager() = default;
     bool createServers();
+    bool createPublisher(const QMetaObject* metaObject);
     bool exportObjects(QString* error);
+    bool exportPublishers(QString* error);
     bool ownNames(QString* error);
     void watchForBusLoss();
 
     QDBusConnection mConnection{QString()};
     QString mConnectionName;
     QList<ServiceInterface*> mServers;
+    QHash<QString, DBusServiceObject*> mServiceObjects;   // by object path; owned by their services
+    QList<ServiceDataPublisher*> mPublishers;
+    std::vector<std::unique_ptr<DataPublisherBusObject>> mPublisherObjects;
     std::unique_ptr<DataValueBusObject> mDataValues;
     std::unique_ptr<DBusServiceClient> mClient;
     NetStats::ConnectionUsageDataValue* mConnectionUsage = nullptr;

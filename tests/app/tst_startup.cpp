@@ -290,7 +290,7 @@ private slots:
         QCOMPARE(texts, (QStringList{"INFO startUp(): CabinMediaServer2 0.1.0 starting, pid N, settings file " + path,
                                      "INFO MediaServerMachineSM(): Transition to initial state NoMediaState because initializing",
                                      "INFO logChange(): MEDIA2_serverState changed: NoMedia, NoError",
-                                     "INFO start(): serving 1 services on the bus at " + run.busAddress(),
+                                     "INFO start(): serving 2 services and 2 publishers on the bus at " + run.busAddress(),
                                      "INFO run(): running",
                                      "INFO readSignals(): received " + name + ", shutting down",
                                      "INFO shutDown(): event loop ended, shutting down",
