@@ -41,6 +41,8 @@ public:
     int logLineCount() const { return int(logLines().size()); }
     bool logHas(const QString& fragment, int from = 0) const;
     QString home() const { return mHome.path(); }
+    // The test's connection to the server's bus, for signals and other objects.
+    QDBusConnection connection() const { return mConnection; }
 
 private:
     void readLog();
