@@ -68,6 +68,7 @@ void shutDown()
 {
     LOG_INFO << "event loop ended, shutting down";
     MediaV2::GStreamerServerPlayer::instance()->stop();                       // 1
+    ServiceManager::instance()->reportPublishers();
     Finalizer::instance()->finalize();                                        // 2
     LOG_INFO << "stopped";
     Logger::flush();

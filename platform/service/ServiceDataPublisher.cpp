@@ -6,6 +6,37 @@
 #include <QDataStream>
 #include <QIODevice>
 
+#include <ctime>
+
+namespace {
+
+qint64 threadCpuNs()
+{
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return qint64(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+
+// Adds the calling thread's CPU time over its own lifetime to a total.
+class CpuCharge
+{
+public:
+    explicit CpuCharge(qint64* total)
+        : mTotal(total)
+        , mStart(threadCpuNs())
+    {
+    }
+    ~CpuCharge() { *mTotal += threadCpuNs() - mStart; }
+    CpuCharge(const CpuCharge&) = delete;
+    CpuCharge& operator=(const CpuCharge&) = delete;
+
+private:
+    qint64* mTotal;
+    qint64 mStart;
+};
+
+} // namespace
+
 struct ServiceDataPublisher::Message
 {
     QString name;
@@ -86,6 +117,7 @@ void ServiceDataPublisher::startTimers()
 
 void ServiceDataPublisher::messageChanged(const QString& name)
 {
+    CpuCharge charge(&mUsage.cpuNs);
     Message* message = find(name);
     if (!message)
         return;
@@ -128,9 +160,12 @@ ServiceDataPublisher::Message* ServiceDataPublisher::find(const QString& name) c
 
 void ServiceDataPublisher::send(Message* message)
 {
+    CpuCharge charge(&mUsage.cpuNs);
     QByteArray body;
     assemble(message->name, &body);
     message->changed = false;
     message->sinceSent.start();
+    ++mUsage.messages;
+    mUsage.bytes += quint64(body.size());
     emit messagePublished(message->name, body);
 }

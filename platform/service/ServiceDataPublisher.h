@@ -41,7 +41,17 @@ public:
     ServiceDataPublisher(const QString& serviceName, int lowFrequencyMs, int rateLimitMs, QObject* parent = nullptr);
     ~ServiceDataPublisher() override;
 
+    // What publishing has cost so far: messages and bytes sent, and the CPU time this object
+    // spent noting changes, assembling and sending (for the shutdown report and benchmarks).
+    struct Usage
+    {
+        quint64 messages = 0;
+        quint64 bytes = 0;
+        qint64 cpuNs = 0;
+    };
+
     QString serviceName() const { return mServiceName; }
+    Usage usage() const { return mUsage; }
     QStringList messageNames() const;
     // A freshly assembled body; false for an unknown message name.
     bool assemble(const QString& name, QByteArray* body) const;
@@ -76,4 +86,5 @@ private:
     const int mRateLimitMs;
     std::vector<std::unique_ptr<Message>> mMessages;
     QTimer mLowFrequencyTimer;
+    Usage mUsage;
 };

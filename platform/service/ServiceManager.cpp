@@ -152,6 +152,15 @@ bool ServiceManager::exportObjects(QString* error)
     return true;
 }
 
+void ServiceManager::reportPublishers() const
+{
+    for (ServiceDataPublisher* publisher : mPublishers) {
+        const ServiceDataPublisher::Usage usage = publisher->usage();
+        LOG_INFO << publisher->serviceName() << ": " << usage.messages << " messages, " << usage.bytes << " bytes, "
+                 << QString::number(double(usage.cpuNs) / 1e6, 'f', 3) << " ms CPU";
+    }
+}
+
 // A publisher shares its path with the service of the same name (/MediaServer2 serves both the
 // requests and the messages); alone, it has the path to itself.
 bool ServiceManager::exportPublishers(QString* error)
