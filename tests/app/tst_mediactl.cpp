@@ -225,7 +225,7 @@ private slots:
         QTest::addColumn<QByteArray>("body");
         QTest::addColumn<QString>("error");
         QTest::newRow("well formed decodes") << "MediaServer2Info" << infoBody() << "";
-        QTest::newRow("truncated") << "MediaServer2Info" << infoBody().chopped(3) << "malformed body: variant 8 of 8 is truncated or corrupt";
+        QTest::newRow("truncated") << "MediaServer2Info" << infoBody().chopped(3) << "malformed body: a value is cut short";
         QTest::newRow("empty") << "MediaServer2Info" << QByteArray() << "malformed body: bad header (0 bytes)";
         QTest::newRow("leading word not 0") << "MediaServer2Info" << QByteArray(infoBody()).replace(3, 1, "\x01")
                                             << "malformed body: bad header";
@@ -235,7 +235,7 @@ private slots:
             << body(MediaServer2DataPublisher::kInfoId, {"t", QVariantList{6, 0}}) << "MediaServer2Info has 2 values, expected 6";
         QTest::newRow("a list claiming more items than the body holds") << "MediaServer2PlaybackStatus"
             << body(MediaServer2DataPublisher::kPlaybackStatusId, {}).replace(7, 1, "\x03") + QByteArray::fromHex("00000009" "00" "7fffffff")
-            << "malformed body: variant 3 of 3 is truncated or corrupt";
+            << "malformed body: a value is cut short, claims more than the body holds";
         QTest::newRow("another message's body") << "MediaServer2PlaybackStatus"
             << body(MediaServer2DataPublisher::kBufferStatusId, {5}) << "is not a MediaServer2PlaybackStatus message";
     }

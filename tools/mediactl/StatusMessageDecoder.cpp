@@ -47,6 +47,53 @@ bool isId(const QVariant& variant, quint32 id)
     return variant.userType() == QMetaType::UInt && variant.toUInt() == id;
 }
 
+QDataStream& bodyStream(QDataStream& stream)
+{
+    stream.setVersion(QDataStream::Qt_4_8);
+    stream.setByteOrder(QDataStream::BigEndian);
+    return stream;
+}
+
+// A string's or container's count can be no larger than the bytes that are left.
+bool readCount(QDataStream& stream, quint32* count)
+{
+    stream >> *count;
+    return stream.status() == QDataStream::Ok && *count <= quint32(stream.device()->bytesAvailable());
+}
+
+bool skipString(QDataStream& stream)
+{
+    quint32 bytes = 0;
+    stream >> bytes;
+    if (bytes == 0xFFFFFFFF)   // a null string
+        return stream.status() == QDataStream::Ok;
+    return stream.status() == QDataStream::Ok && stream.skipRawData(int(bytes)) == int(bytes);
+}
+
+// Walks one variant of the types our messages carry (Qt 4 type numbers: bool 1, int 2, uint 3,
+// qint64 4, quint64 5, double 6, map 8, list 9, string 10; 0 is a null variant, followed by an
+// empty string), refusing any other type and any count the body cannot hold.
+bool skipVariant(QDataStream& stream, int depth)
+{
+    quint32 type = 0;
+    qint8 isNull = 0;
+    stream >> type >> isNull;
+    static const int kScalarSizes[] = {0, 1, 4, 4, 8, 8, 8};
+    if (stream.status() != QDataStream::Ok || depth > 8)
+        return false;
+    if (type == 0 || type == 10)
+        return skipString(stream);
+    if (type >= 1 && type <= 6)
+        return stream.skipRawData(kScalarSizes[type]) == kScalarSizes[type];
+    quint32 count = 0;
+    if ((type != 8 && type != 9) || !readCount(stream, &count))
+        return false;
+    for (quint32 i = 0; i < count; ++i)
+        if ((type == 8 && !skipString(stream)) || !skipVariant(stream, depth + 1))
+            return false;
+    return true;
+}
+
 } // namespace
 
 const QStringList& StatusMessageDecoder::messageNames()
@@ -94,9 +141,12 @@ bool StatusMessageDecoder::decode(const QString& message, const QByteArray& body
 // variant and bytes left over are each refused.
 bool StatusMessageDecoder::readVariants(const QByteArray& body, QVariantList* variants, QString* error)
 {
+    if (!isBounded(body)) {
+        *error = QStringLiteral("malformed body: a value is cut short, claims more than the body holds or has a type no message carries");
+        return false;
+    }
     QDataStream stream(body);
-    stream.setVersion(QDataStream::Qt_4_8);
-    stream.setByteOrder(QDataStream::BigEndian);
+    bodyStream(stream);
     qint32 zero = -1, count = -1;
     stream >> zero >> count;
     if (stream.status() != QDataStream::Ok || zero != 0 || count < 2) {
@@ -116,5 +166,19 @@ bool StatusMessageDecoder::readVariants(const QByteArray& body, QVariantList* va
         *error = QStringLiteral("malformed body: %1 bytes after the last of %2 variants").arg(body.size() - stream.device()->pos()).arg(count);
         return false;
     }
+    return true;
+}
+
+// Qt's own reader reserves room for a container's claimed size before reading its items, so a
+// forged count would ask for gigabytes; this walk finds such a body before Qt reads it.
+bool StatusMessageDecoder::isBounded(const QByteArray& body)
+{
+    QDataStream stream(body);
+    bodyStream(stream);
+    qint32 zero = 0, count = 0;
+    stream >> zero >> count;
+    for (qint32 i = 0; i < count && stream.status() == QDataStream::Ok && !stream.atEnd(); ++i)
+        if (!skipVariant(stream, 0))
+            return false;
     return true;
 }

@@ -33,4 +33,5 @@ public:
 
 private:
     static bool readVariants(const QByteArray& body, QVariantList* variants, QString* error);
+    static bool isBounded(const QByteArray& body);
 };
