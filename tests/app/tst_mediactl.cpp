@@ -1,6 +1,12 @@
-// cabin-mediactl against a real server on a private bus: answers, exit statuses and waiting.
+// cabin-mediactl against a real server on a private bus: answers, exit statuses, waiting and
+// the status messages; and the status-message decoder on bodies the server would never send.
 
+#include "media_server/MediaServer2DataPublisher.h"
 #include "tests/support/PrivateBus.h"
+#include "tests/support/SteppedTone.h"
+#include "tests/support/TestHttpServer.h"
+#include "tools/mediactl/StatusLine.h"
+#include "tools/mediactl/StatusMessageDecoder.h"
 
 #include <QtDBus>
 #include <QtTest>
@@ -20,6 +26,34 @@ public:
 
 struct Run { int status = -1; QString out, err; };
 
+// A body as the server writes it.
+QByteArray body(quint32 messageId, const QVariantList& values)
+{
+    QByteArray bytes;
+    QDataStream stream(&bytes, QIODevice::WriteOnly);
+    stream.setVersion(QDataStream::Qt_4_8);
+    ServiceDataPublisher::writeHeader(stream, messageId, MediaServer2DataPublisher::kPublisherId, int(values.size()));
+    for (const QVariant& value : values)
+        stream << value;
+    return bytes;
+}
+
+QByteArray infoBody() { return body(MediaServer2DataPublisher::kInfoId, {"t", QVariantList{6, 0}, 128, 9000ULL, false, true}); }
+
+QJsonObject parsedLine(const QString& line)
+{
+    return QJsonDocument::fromJson(line.toUtf8()).object();
+}
+
+// The line of `message` in a status or watch output; empty when there is none.
+QString lineOf(const QString& output, const QString& message, bool json)
+{
+    for (const QString& line : output.split(QLatin1Char('\n')))
+        if (json ? parsedLine(line).value(QStringLiteral("name")).toString() == message : line.startsWith(message + QLatin1Char(' ')))
+            return line;
+    return QString();
+}
+
 } // namespace
 
 class TestMediaCtl : public QObject
@@ -34,7 +68,7 @@ private slots:
         env.insert(QStringLiteral("XDG_CACHE_HOME"), mHome.path());
         mServer.setProcessEnvironment(env);
         mServer.setReadChannel(QProcess::StandardError);
-        mServer.start(binary("cabin-media-server"), {"--set", "service/bus=" + mBus.address()});
+        mServer.start(binary("cabin-media-server"), {"--set", "service/bus=" + mBus.address(), "--set", "gstreamer/audio_sink=fakesink sync=true"});
         QByteArray log;
         const QDeadlineTimer deadline(20000);
         while (!log.contains("run(): running") && mServer.waitForReadyRead(int(deadline.remainingTime())))
@@ -46,6 +80,42 @@ private slots:
     {
         mServer.terminate();
         QVERIFY(mServer.waitForFinished(10000) && mServer.exitStatus() == QProcess::NormalExit && mServer.exitCode() == 0);
+    }
+
+    // Before anything is loaded: a value with no value prints "-" (null in JSON), never 0.
+    void statusRightAfterStart_data()
+    {
+        QTest::addColumn<QString>("message");
+        QTest::addColumn<QString>("line");
+        QTest::addColumn<QString>("json");
+        QTest::newRow("buffer: progress 0, no bytes yet") << "MediaServer2BufferStatus"
+            << "MediaServer2BufferStatus bufferProgress=0 downloadedBytes=-"
+            << "{\"MEDIA2_bufferProgress\":0,\"MEDIA2_downloadedBytes\":null}";
+        QTest::newRow("playback: no position") << "MediaServer2PlaybackStatus" << "MediaServer2PlaybackStatus elapsedTime=-"
+            << "{\"MEDIA2_elapsedTime\":null}";
+        QTest::newRow("info: no media, flags false")
+            << "MediaServer2Info"
+            << "MediaServer2Info nowPlayingTitle=- serverState=NoMedia,NoError streamBitRate=- totalBytes=- streamCached=false playingCustomMedia=false"
+            << "{\"MEDIA2_nowPlayingTitle\":null,\"MEDIA2_serverState\":[\"NoMedia\",\"NoError\"],\"MEDIA2_streamBitRate\":null,"
+               "\"MEDIA2_totalBytes\":null,\"MEDIA2_streamCached\":false,\"MEDIA2_playingCustomMedia\":false}";
+        QTest::newRow("net stats: nothing moved") << "MediaServer2NetStats" << "MediaServer2NetStats connNetStats={\"categories\":{},\"linkState\":-1,\"received\":0,\"sent\":0}"
+            << "{\"MEDIA2_connNetStats\":{\"categories\":{},\"linkState\":-1,\"received\":0,\"sent\":0}}";
+    }
+
+    void statusRightAfterStart()
+    {
+        QFETCH(QString, message);
+        QFETCH(QString, line);
+        QFETCH(QString, json);
+        const Run text = ctl({"status"});
+        const Run parsed = ctl({"status", "--json"});
+        QCOMPARE(text.status, 0);
+        QCOMPARE(parsed.status, 0);
+        QCOMPARE(text.out.count(QLatin1Char('\n')), 4);
+        QCOMPARE(lineOf(text.out, message, false), line);
+        const QJsonObject values = parsedLine(lineOf(parsed.out, message, true)).value(QStringLiteral("values")).toObject();
+        QCOMPARE(values, QJsonDocument::fromJson(json.toUtf8()).object());
+        QCOMPARE(values.keys().size(), StatusMessageDecoder::valueNames(message).size());
     }
 
     void answersAndStatuses_data()
@@ -76,6 +146,10 @@ private slots:
         QTest::newRow("unknown subcommand")
             << QStringList{"rewind"} << 2 << "" << "cabin-mediactl: unknown subcommand \"rewind\" (see --help)\n";
         QTest::newRow("help of a subcommand") << QStringList{"wait", "--help"} << 0 << "Wait until a data value" << "";
+        QTest::newRow("watch stops after its count") << QStringList{"watch", "MediaServer2BufferStatus", "--count", "2"} << 0
+                                                     << "MediaServer2BufferStatus bufferProgress=" << "";
+        QTest::newRow("watch an unknown message") << QStringList{"watch", "MediaServer2Info", "Nope"} << 2 << ""
+            << "cabin-mediactl: watch: unknown message \"Nope\" (see cabin-mediactl watch --help)\n";
     }
 
     void answersAndStatuses()
@@ -101,6 +175,107 @@ private slots:
         QVERIFY(waiter.waitForFinished(20000));
         QCOMPARE(waiter.exitCode(), 0);
         QCOMPARE(QString::fromUtf8(waiter.readAllStandardOutput()), QStringLiteral("false\n"));
+    }
+
+    // Messages follow the server as it plays: every line is a JSON object of one of the four
+    // messages, and the state Playing arrives in an Info message. SIGTERM ends the watch with 0.
+    void watchFollowsPlayback()
+    {
+        QString error;
+        QFile tone(SteppedTone::file(SteppedTone::Format::Mp3, 3, &error));
+        QVERIFY2(tone.open(QIODevice::ReadOnly), qPrintable(error));
+        TestHttpServer media;
+        TestHttpResource resource;
+        resource.body = tone.readAll();
+        media.setResource(QStringLiteral("/tone.mp3"), resource);
+        QVERIFY(media.start());
+        QProcess watcher;
+        watcher.start(binary("cabin-mediactl"), {"--bus", mBus.address(), "watch", "--json"});
+        QStringList names, unreadable;
+        bool playing = false;
+        auto readLines = [&] {
+            while (watcher.canReadLine()) {
+                const QString line = QString::fromUtf8(watcher.readLine()).trimmed();
+                const QJsonObject object = parsedLine(line);
+                const QString name = object.value(QStringLiteral("name")).toString();
+                if (!StatusMessageDecoder::messageNames().contains(name))
+                    unreadable.append(line);
+                names.append(name);
+                const QJsonValue state = object.value(QStringLiteral("values")).toObject().value(QStringLiteral("MEDIA2_serverState"));
+                playing = playing || (name == QLatin1String("MediaServer2Info") && state.toArray().first() == QStringLiteral("Playing"));
+            }
+            return !names.isEmpty();
+        };
+        // The periodic messages show that the watcher follows before anything changes.
+        QTRY_VERIFY_WITH_TIMEOUT(readLines(), 20000);
+        QCOMPARE(ctl({"load", media.url(QStringLiteral("/tone.mp3")).toString(), "--cache-key", "tone"}).status, 0);
+        QCOMPARE(ctl({"play", "0"}).status, 0);
+        QTRY_VERIFY_WITH_TIMEOUT((readLines(), playing), 20000);
+        QVERIFY2(unreadable.isEmpty(), qPrintable(unreadable.join(QLatin1Char('\n'))));
+        watcher.terminate();
+        QVERIFY(watcher.waitForFinished(10000));
+        QCOMPARE(watcher.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(watcher.exitCode(), 0);
+    }
+
+    // A body that does not decode is refused with one line, whatever is wrong with it.
+    void malformedBodyIsRefused_data()
+    {
+        QTest::addColumn<QString>("message");
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<QString>("error");
+        QTest::newRow("well formed decodes") << "MediaServer2Info" << infoBody() << "";
+        QTest::newRow("truncated") << "MediaServer2Info" << infoBody().chopped(3) << "malformed body: a value is cut short";
+        QTest::newRow("empty") << "MediaServer2Info" << QByteArray() << "malformed body: bad header (0 bytes)";
+        QTest::newRow("leading word not 0") << "MediaServer2Info" << QByteArray(infoBody()).replace(3, 1, "\x01")
+                                            << "malformed body: bad header";
+        QTest::newRow("bytes after the last variant") << "MediaServer2Info" << infoBody() + QByteArray(4, '\0')
+                                                      << "malformed body: 4 bytes after the last of 8 variants";
+        QTest::newRow("too few values for the message") << "MediaServer2Info"
+            << body(MediaServer2DataPublisher::kInfoId, {"t", QVariantList{6, 0}}) << "MediaServer2Info has 2 values, expected 6";
+        QTest::newRow("a list claiming more items than the body holds") << "MediaServer2PlaybackStatus"
+            << body(MediaServer2DataPublisher::kPlaybackStatusId, {}).replace(7, 1, "\x03") + QByteArray::fromHex("00000009" "00" "7fffffff")
+            << "malformed body: a value is cut short, claims more than the body holds";
+        QTest::newRow("another message's body") << "MediaServer2PlaybackStatus"
+            << body(MediaServer2DataPublisher::kBufferStatusId, {5}) << "is not a MediaServer2PlaybackStatus message";
+    }
+
+    void malformedBodyIsRefused()
+    {
+        QFETCH(QString, message);
+        QFETCH(QByteArray, body);
+        QFETCH(QString, error);
+        QList<StatusMessageDecoder::Value> values;
+        QString said;
+        QCOMPARE(StatusMessageDecoder::decode(message, body, &values, &said), error.isEmpty());
+        QVERIFY2(said.contains(error) && !said.contains(QLatin1Char('\n')), qPrintable(said));
+        if (error.isEmpty())
+            QCOMPARE(StatusLine::text(message, values),
+                     "MediaServer2Info nowPlayingTitle=\"t\" serverState=Playing,NoError streamBitRate=128 totalBytes=9000 streamCached=false playingCustomMedia=true");
+    }
+
+    // A title prints as one quoted line: it can neither read as "no value" nor start a line.
+    void titleCannotForgeALine_data()
+    {
+        QTest::addColumn<QVariant>("title");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("no title is -") << QVariant() << "nowPlayingTitle=- ";
+        QTest::newRow("the title - is quoted") << QVariant("-") << "nowPlayingTitle=\"-\" ";
+        QTest::newRow("newline and quote are escaped") << QVariant("a\"\nMediaServer2Info") << "nowPlayingTitle=\"a\\\"\\nMediaServer2Info\" ";
+    }
+
+    void titleCannotForgeALine()
+    {
+        QFETCH(QVariant, title);
+        QFETCH(QString, text);
+        QList<StatusMessageDecoder::Value> values;
+        for (const QString& name : StatusMessageDecoder::valueNames(QStringLiteral("MediaServer2Info")))
+            values.append({name, name == QLatin1String("MEDIA2_nowPlayingTitle") ? title : QVariant(false)});
+        const QString line = StatusLine::text(QStringLiteral("MediaServer2Info"), values);
+        const QString json = StatusLine::json(QStringLiteral("MediaServer2Info"), values);
+        QVERIFY2(line.contains(text) && !line.contains(QLatin1Char('\n')) && !json.contains(QLatin1Char('\n')), qPrintable(line));
+        QCOMPARE(parsedLine(json).value(QStringLiteral("values")).toObject().value(QStringLiteral("MEDIA2_nowPlayingTitle")),
+                 QJsonValue::fromVariant(title));
     }
 
     // The request's own time-out (3000 ms for pause) is the call's time-out; then exit status 3.

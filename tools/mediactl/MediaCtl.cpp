@@ -2,10 +2,14 @@
 
 #include "media_server/gen/MediaServer2.h"
 #include "platform/config/ConfigStore.h"
+#include "platform/core/SignalHandlers.h"
 #include "platform/service/DBusServiceClient.h"
 #include "platform/service/ServiceManager.h"
+#include "tools/mediactl/DataPublisherClient.h"
 #include "tools/mediactl/DataValuesClient.h"
 #include "tools/mediactl/ItemOptions.h"
+#include "tools/mediactl/StatusLine.h"
+#include "tools/mediactl/StatusMessageDecoder.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -13,6 +17,7 @@
 #include <QRegularExpression>
 #include <QTimer>
 
+#include <climits>
 #include <cstdio>
 
 namespace {
@@ -49,6 +54,11 @@ bool parseSubcommand(QCommandLineParser* parser, const QString& name, const QStr
         return false;
     }
     return true;
+}
+
+QCommandLineOption jsonOption()
+{
+    return {QStringLiteral("json"), QStringLiteral("One JSON object per line: {\"name\":...,\"values\":{...}}, null for no value.")};
 }
 
 bool parseInt(const QString& text, int* value)
@@ -88,6 +98,8 @@ const QList<MediaCtl::Subcommand>& MediaCtl::subcommands()
         {"set", "set NAME VALUE", "Set a data value other processes may write.", &MediaCtl::set},
         {"values", "values", "Print every data value, one per line.", &MediaCtl::values},
         {"wait", "wait NAME REGEX [--timeout S]", "Wait until a data value matches.", &MediaCtl::wait},
+        {"watch", "watch [NAME...] [options]", "Print status messages as they arrive (--json, --count N).", &MediaCtl::watch},
+        {"status", "status [--json]", "Print every status message as it is now.", &MediaCtl::status},
     };
     return list;
 }
@@ -144,6 +156,7 @@ bool MediaCtl::connect()
     }
     mProxy = new MediaServer2(ClientInstance, QCoreApplication::instance());
     mValues = new DataValuesClient(ServiceManager::instance()->connection(), QCoreApplication::instance());
+    mPublishers = new DataPublisherClient(ServiceManager::instance()->connection(), QCoreApplication::instance());
     return true;
 }
 
@@ -370,4 +383,78 @@ int MediaCtl::waitFor(const QString& name, const QRegularExpression& pattern, in
     if (status == TimedOut)
         say(stderr, QStringLiteral("cabin-mediactl: wait: %1 did not match within %2 ms").arg(name).arg(timeoutMs));
     return status;
+}
+
+// One decoded line on stdout, flushed at once so a pipe sees each message as it comes; a body
+// that does not decode is one line on stderr.
+bool MediaCtl::printStatus(const QString& subcommand, const QString& message, const QByteArray& body, bool json)
+{
+    QList<StatusMessageDecoder::Value> values;
+    QString error;
+    if (!StatusMessageDecoder::decode(message, body, &values, &error)) {
+        fail(subcommand + QStringLiteral(": ") + error);
+        return false;
+    }
+    say(stdout, json ? StatusLine::json(message, values) : StatusLine::text(message, values));
+    std::fflush(stdout);
+    return true;
+}
+
+int MediaCtl::status(const QStringList& args)
+{
+    QCommandLineParser parser;
+    parser.setApplicationDescription(QStringLiteral("Print every status message as the server assembles it now, one per line "
+                                                    "(\"-\" for a value that has none)."));
+    parser.addOption(jsonOption());
+    int result = Failure;
+    if (!parseSubcommand(&parser, QStringLiteral("status"), args, 0, 0, &result) || !connect())
+        return result;
+    for (const QString& message : StatusMessageDecoder::messageNames()) {
+        QByteArray body;
+        if (!mPublishers->assemble(message, &body))
+            return fail(QStringLiteral("status: ") + mPublishers->error());
+        if (!printStatus(QStringLiteral("status"), message, body, parser.isSet(QStringLiteral("json"))))
+            return Failure;
+    }
+    return True;
+}
+
+int MediaCtl::watch(const QStringList& args)
+{
+    QCommandLineParser parser;
+    parser.setApplicationDescription(QStringLiteral("Print status messages as they arrive, one per line, until SIGINT or SIGTERM "
+                                                    "(\"-\" for a value that has none)."));
+    parser.addPositionalArgument(QStringLiteral("NAME"), QStringLiteral("Messages to show (default all): ")
+                                 + StatusMessageDecoder::messageNames().join(QStringLiteral(", ")), QStringLiteral("[NAME...]"));
+    parser.addOption(jsonOption());
+    parser.addOption({QStringLiteral("count"), QStringLiteral("Exit after N messages."), QStringLiteral("N")});
+    int result = Failure;
+    if (!parseSubcommand(&parser, QStringLiteral("watch"), args, 0, INT_MAX, &result))
+        return result;
+    const QStringList names = parser.positionalArguments().isEmpty() ? StatusMessageDecoder::messageNames() : parser.positionalArguments();
+    for (const QString& name : names)
+        if (!StatusMessageDecoder::messageNames().contains(name))
+            return fail(QStringLiteral("watch: unknown message \"%1\" (see cabin-mediactl watch --help)").arg(name));
+    int count = 0;
+    if (parser.isSet(QStringLiteral("count")) && (!parseInt(parser.value(QStringLiteral("count")), &count) || count < 1))
+        return fail(QStringLiteral("watch: --count must be a positive number"));
+    if (!connect())
+        return Failure;
+    if (!mPublishers->subscribe())
+        return fail(QStringLiteral("watch: ") + mPublishers->error());
+    return watchUntilDone(names, parser.isSet(QStringLiteral("json")), count);
+}
+
+// Runs until `count` messages have printed (0: no limit) or a quit signal ends the loop.
+int MediaCtl::watchUntilDone(const QStringList& names, bool json, int count)
+{
+    registerSignalHandlers();
+    int printed = 0;
+    QObject::connect(mPublishers, &DataPublisherClient::arrived, QCoreApplication::instance(),
+                     [&](const QString& message, const QByteArray& body) {
+                         if (names.contains(message) && printStatus(QStringLiteral("watch"), message, body, json) && ++printed == count)
+                             QCoreApplication::quit();
+                     });
+    QCoreApplication::exec();
+    return True;
 }

@@ -2,6 +2,7 @@
 
 #include <QStringList>
 
+class DataPublisherClient;
 class DataValuesClient;
 class MediaServer2;
 class QRegularExpression;
@@ -13,7 +14,8 @@ class ServiceCallContext;
 // Exit statuses: 0 a true answer, 1 a false answer (or an invalid value), 3 a time-out,
 // 2 a usage error or a transport failure, each with one line on stderr.
 //
-// Thread: main thread; runs its own short event loop only for `wait`.
+// Thread: main thread; runs its own short event loop for `wait`, and the application's event
+// loop for `watch` until its count is reached or SIGINT/SIGTERM ends it.
 class MediaCtl
 {
 public:
@@ -40,6 +42,8 @@ private:
     int simpleRequest(const QString& name, const QString& description, const QStringList& args,
                       bool (MediaServer2::*call)(ServiceCallContext*));
     int waitFor(const QString& name, const QRegularExpression& pattern, int timeoutMs);
+    bool printStatus(const QString& subcommand, const QString& message, const QByteArray& body, bool json);
+    int watchUntilDone(const QStringList& names, bool json, int count);
 
     int load(const QStringList& args);
     int play(const QStringList& args);
@@ -53,7 +57,10 @@ private:
     int set(const QStringList& args);
     int values(const QStringList& args);
     int wait(const QStringList& args);
+    int watch(const QStringList& args);
+    int status(const QStringList& args);
 
     MediaServer2* mProxy = nullptr;
     DataValuesClient* mValues = nullptr;
+    DataPublisherClient* mPublishers = nullptr;
 };
