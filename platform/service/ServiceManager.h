@@ -41,7 +41,6 @@ public:
     bool start();
 
     ServiceInterface* findServer(const QString& serviceName, const QString& interfaceName) const;
-    const QList<ServiceDataPublisher*>& publishers() const { return mPublishers; }
     // One log line per publisher: what it sent and the CPU time it took.
     void reportPublishers() const;
     QDBusConnection connection() const { return mConnection; }
