@@ -10,6 +10,10 @@ namespace NetStats {
 // "statscategory"); 0 is traffic nobody attributed.
 using Category = int;
 
+// The calls to the process's own services and their answers, kept apart from any item's traffic
+// so that a reader can tell what the media moved from what the service framework did.
+constexpr Category kServiceTraffic = -1;
+
 // Bytes moved over the network per category, and the state of the link they went over.
 // A plain value type (any thread); its variant form is a string-keyed map:
 // {"linkState": int, "received": total, "sent": total,

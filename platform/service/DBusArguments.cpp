@@ -132,6 +132,27 @@ bool convertStrictly(const QVariant& value, QMetaType::Type type, QVariant* conv
     }
 }
 
+qint64 payloadBytes(const QVariant& value)
+{
+    switch (value.userType()) {
+    case QMetaType::QString: return value.toString().toUtf8().size();
+    case QMetaType::QByteArray: return value.toByteArray().size();
+    case QMetaType::Bool:
+    case QMetaType::Int:
+    case QMetaType::UInt: return 4;
+    case QMetaType::QVariantMap: return payloadBytes(value.toMap());
+    default: return value.isValid() ? 8 : 0;
+    }
+}
+
+qint64 payloadBytes(const QVariantMap& arguments)
+{
+    qint64 bytes = 0;
+    for (auto it = arguments.cbegin(); it != arguments.cend(); ++it)
+        bytes += it.key().toUtf8().size() + payloadBytes(it.value());
+    return bytes;
+}
+
 bool toNamedArguments(const QDBusMessage& message, const ServiceMethod& method, QVariantMap* arguments, QString* error)
 {
     arguments->clear();

@@ -24,4 +24,10 @@ bool toNamedArguments(const QDBusMessage& message, const ServiceMethod& method, 
 // a number is not text, and an integer must fit in 32 bits.
 bool convertStrictly(const QVariant& value, QMetaType::Type type, QVariant* converted);
 
+// The bytes a value carries on the bus, without the message's framing and alignment: the UTF-8
+// text of a string, the bytes of a byte array, a number's own width; a map counts its keys and
+// values. What the service framework adds to the process's traffic statistics.
+qint64 payloadBytes(const QVariant& value);
+qint64 payloadBytes(const QVariantMap& arguments);
+
 } // namespace DBusArguments

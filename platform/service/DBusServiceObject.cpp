@@ -1,5 +1,6 @@
 #include "platform/service/DBusServiceObject.h"
 
+#include "platform/datavalue/ConnectionUsageDataValue.h"
 #include "platform/log/LogLine.h"
 #include "platform/service/DBusArguments.h"
 #include "platform/service/DBusInterfaceXml.h"
@@ -70,6 +71,8 @@ void DBusServiceObject::dispatch(const QDBusMessage& message, const ServiceMetho
         sendError(message, QStringLiteral("org.freedesktop.DBus.Error.InvalidArgs"), error);
         return;
     }
+    if (mUsage)
+        mUsage->addTraffic(NetStats::kServiceTraffic, quint64(DBusArguments::payloadBytes(arguments)), 0);
     auto* context = new ServiceCallContext(ServiceCallContext::Server, method.name, this);
     context->setArguments(arguments);
     message.setDelayedReply(true);
@@ -95,11 +98,11 @@ void DBusServiceObject::sendAnswer(ServiceCallContext* context)
                   notImplemented ? QStringLiteral("com.kelvramotors.Error.NotImplemented") : QStringLiteral("com.kelvramotors.Error.Failed"),
                   context->errorMessage());
     } else if (method && method->resultType == QMetaType::Bool) {
-        mConnection.send(message.createReply(context->results().value(QStringLiteral("_rval_")).toBool()));
+        sendReply(message.createReply(context->results().value(QStringLiteral("_rval_")).toBool()));
     } else if (method && method->resultType == QMetaType::QString) {
-        mConnection.send(message.createReply(QString::fromUtf8(context->responseBody())));
+        sendReply(message.createReply(QString::fromUtf8(context->responseBody())));
     } else {
-        mConnection.send(message.createReply());
+        sendReply(message.createReply());
     }
     if (!mInDispatch)
         context->deleteLater();
@@ -120,5 +123,19 @@ void DBusServiceObject::forgetUnanswered(ServiceCallContext* context)
 
 void DBusServiceObject::sendError(const QDBusMessage& message, const QString& name, const QString& text)
 {
-    mConnection.send(message.createErrorReply(name, text));
+    sendReply(message.createErrorReply(name, text));
+}
+
+void DBusServiceObject::sendReply(const QDBusMessage& reply)
+{
+    if (mUsage) {
+        qint64 bytes = 0;
+        if (reply.type() == QDBusMessage::ErrorMessage)
+            bytes = reply.errorMessage().toUtf8().size();
+        else
+            for (const QVariant& result : reply.arguments())
+                bytes += DBusArguments::payloadBytes(result);
+        mUsage->addTraffic(NetStats::kServiceTraffic, 0, quint64(bytes));
+    }
+    mConnection.send(reply);
 }

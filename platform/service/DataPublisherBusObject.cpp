@@ -24,6 +24,7 @@ QString DataPublisherBusObject::introspect(const QString&) const
         "      <arg name=\"name\" type=\"s\" direction=\"in\"/>\n"
         "      <arg name=\"body\" type=\"ay\" direction=\"out\"/>\n"
         "    </method>\n"
+        "    <method name=\"PublishAll\"/>\n"
         "    <signal name=\"Message\">\n"
         "      <arg name=\"name\" type=\"s\"/>\n"
         "      <arg name=\"body\" type=\"ay\"/>\n"
@@ -41,6 +42,8 @@ bool DataPublisherBusObject::handleMessage(const QDBusMessage& message, const QD
         return true;
     if (message.member() == QLatin1String("Assemble") && message.signature() == QLatin1String("s"))
         assemble(message);
+    else if (message.member() == QLatin1String("PublishAll") && message.signature().isEmpty())
+        publishAll(message);
     else
         DBusInterfaceXml::answerUnknownMethod(message, connection, dbusInterface);
     return true;
@@ -58,6 +61,12 @@ void DataPublisherBusObject::assemble(const QDBusMessage& message)
         QLatin1String(DBusNames::unknownMessageError()),
         QStringLiteral("%1 publishes no message \"%2\"; it publishes %3")
             .arg(mPublisher->serviceName(), name, mPublisher->messageNames().join(QStringLiteral(", ")))));
+}
+
+void DataPublisherBusObject::publishAll(const QDBusMessage& message)
+{
+    mPublisher->publishNonBroadcastValues();
+    mConnection.send(message.createReply());
 }
 
 void DataPublisherBusObject::sendSignal(const QString& name, const QByteArray& body)

@@ -9,6 +9,9 @@ class ServiceDataPublisher;
 // com.kelvramotors.DataPublisher:
 //   Assemble(s name) -> ay           a freshly assembled body; an unknown name is the error
 //                                    com.kelvramotors.Error.UnknownMessage, naming it
+//   PublishAll()                     every message goes out once more as a signal (each still
+//                                    within its rate limit), so a subscriber that has just
+//                                    arrived hears the whole state without calling Assemble
 //   signal Message(s name, ay body)  every message the publisher sends
 // Where a service is already served at that path, its bus object hands this interface's calls
 // here (DBusServiceObject::addCompanion) and this object is not registered itself.
@@ -31,6 +34,7 @@ private slots:
 
 private:
     void assemble(const QDBusMessage& message);
+    void publishAll(const QDBusMessage& message);
 
     ServiceDataPublisher* mPublisher;
     QDBusConnection mConnection;

@@ -136,6 +136,7 @@ bool ServiceManager::exportObjects(QString* error)
     for (ServiceInterface* server : mServers) {
         const QString path = DBusNames::objectPath(server->interfaceName());
         auto* object = new DBusServiceObject(server, mConnection, server);
+        object->setConnectionUsage(mConnectionUsage);
         if (!mConnection.registerVirtualObject(path, object)) {
             *error = QStringLiteral("cannot serve %1 on %2").arg(path, busDescription());
             return false;
