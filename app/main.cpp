@@ -6,6 +6,7 @@
 #include "app/ConfigTable.h"
 #include "media_server/GStreamerServerPlayer.h"
 #include "media_server/MediaServerDataValues.h"
+#include "mpris/MprisBridge.h"
 #include "platform/core/Finalizer.h"
 #include "platform/core/ProcessExit.h"
 #include "platform/core/RuntimeEnv.h"
@@ -22,6 +23,7 @@
 #include <QCoreApplication>
 
 #include <cstdio>
+#include <memory>
 #include <unistd.h>
 
 namespace {
@@ -63,6 +65,25 @@ void startUp(QCoreApplication& app, int argc, char** argv)
     ServiceManager::instance()->setConnectionUsage(&MEDIA2_connNetStats);     // 12
 }
 
+// The desktop media-player bridge is an extra: without its name the server serves on, and
+// says what will not work.
+std::unique_ptr<MprisBridge> startMpris()
+{
+    if (!MprisBridge::enabled()) {
+        LOG_INFO << "media-player bridge off (mpris/enabled is false)";
+        return nullptr;
+    }
+    auto bridge = std::make_unique<MprisBridge>();
+    QString error;
+    if (!bridge->start(ServiceManager::instance()->connection(), &error)) {
+        LOG_WARN << error << " on " << ServiceManager::instance()->busDescription()
+                 << "; playerctl and media keys will not reach this server";
+        return nullptr;
+    }
+    LOG_INFO << "media-player bridge: " << MprisBridge::busName() << " at " << MprisBridge::objectPath();
+    return bridge;
+}
+
 // Playback stops before the finalisers tear down what it uses.
 void shutDown()
 {
@@ -84,8 +105,10 @@ int run(int argc, char** argv)
         Finalizer::instance()->finalize();
         return 1;
     }
+    std::unique_ptr<MprisBridge> mpris = startMpris();
     LOG_INFO << "running";
     const int status = app.exec();                                            // 13
+    mpris.reset();
     shutDown();
     return status;
 }

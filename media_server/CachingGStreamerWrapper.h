@@ -70,6 +70,10 @@ public:
     GStreamerPlayer::MediaStatus getMediaStatus() const { return mPlayer.getMediaStatus(); }
     GStreamerMediaMetadata getAvailableMetadata() const;
     QUrl getCurrentUrl() const { return mPlayer.getCurrentUrl(); }
+    // The item last given to setMedia(), as the client described it.
+    const MediaPlaybackMetadata& currentMetadata() const { return mMetadata; }
+    double volumeLevel() const { return mPlayer.level(); }
+    void setVolumeLevel(double level) { mPlayer.setLevel(level); }
 
     // A string starting with "/" is a local file; anything else is parsed as a URL as it stands.
     static QUrl cleanupUrl(const QString& url);

@@ -68,9 +68,10 @@ GStreamerPlayer::GStreamerPlayer(QObject* parent)
         gst_debug_add_log_function(&LogFunction, nullptr, nullptr);
         gst_debug_set_active(TRUE);
     }
+    mLevel = qBound(0.0, sVolume.value(), 1.0);
     if (!buildPipeline())
         return;
-    setVolume(sVolume.value());
+    setVolume(mLevel);
     mBusTimer.setInterval(sBusPollInterval.value());
     connect(&mBusTimer, &QTimer::timeout, this, &GStreamerPlayer::checkGstBus);
     mBusTimer.start();
@@ -108,7 +109,7 @@ bool GStreamerPlayer::renewPipeline()
     cleanup();
     if (!buildPipeline())
         return false;
-    setVolume(sVolume.value());
+    setVolume(mLevel);
     return true;
 }
 
@@ -455,7 +456,14 @@ void GStreamerPlayer::mute()
 
 void GStreamerPlayer::unmute()
 {
-    setVolume(1.0);
+    setVolume(mLevel);
+}
+
+void GStreamerPlayer::setLevel(double level)
+{
+    mLevel = qBound(0.0, level, 1.0);
+    if (mPendingSeek == 0)   // muted for a start seek: the level is heard once it is done
+        setVolume(mLevel);
 }
 
 void GStreamerPlayer::clearPendingSeekAndUnmute()

@@ -42,9 +42,12 @@ public:
     bool pause(bool startedBuffering);
     bool stop(bool error, State errorState);
     bool seek(qint64 msPos);
-    void setVolume(double volume);
+    // The listener's volume (0.0 silent, 1.0 as mastered), kept across items and across a
+    // mute; it starts at "gstreamer/volume". Values outside 0..1 are clamped.
+    void setLevel(double level);
+    double level() const { return mLevel; }
+    // Silences the item without forgetting the level (a pending start seek), and back to it.
     void mute();
-    // Back to full volume (1.0, not the configured volume).
     void unmute();
     void clearPendingSeekAndUnmute();
     bool getSeekCapability(bool* seekable, long* start, long* end);
@@ -104,7 +107,10 @@ private:
     void sourceElementChanged(GstObject* notifier);
 
     GstElement* mPipeline = nullptr;
+    void setVolume(double volume);
+
     GstElement* mVolume = nullptr;   // owned by mPipeline
+    double mLevel = 1.0;
     GstBus* mBus = nullptr;
     QTimer mBusTimer;
     QTimer mProgressTimer;

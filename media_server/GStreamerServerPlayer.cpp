@@ -74,6 +74,24 @@ MediaServerState GStreamerServerPlayer::currentState() const
     return machineStateToState(state()->state_id());
 }
 
+qint64 GStreamerServerPlayer::currentDurationMs() const
+{
+    const qint64 engineMs = mPlayer.getDuration() / 1000000;   // the engine counts nanoseconds
+    if (engineMs > 0)
+        return engineMs;
+    return currentItem().duration > 0 ? currentItem().duration : -1;
+}
+
+double GStreamerServerPlayer::volume() const
+{
+    return mPlayer.volumeLevel();
+}
+
+void GStreamerServerPlayer::setVolume(double volume)
+{
+    mPlayer.setVolumeLevel(volume);
+}
+
 bool GStreamerServerPlayer::isTrace() const
 {
     return mTrace;

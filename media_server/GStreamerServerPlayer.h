@@ -49,6 +49,14 @@ public:
     // The published state of a machine state number, and of the machine's current state.
     static MediaServerState machineStateToState(int machineState);
     MediaServerState currentState() const;
+    // What is loaded, as the client described it (invalid when nothing was ever loaded), and its
+    // length in ms as far as known: the engine's once it has one, else the item's own; -1 if
+    // neither knows.
+    const MediaPlaybackMetadata& currentItem() const { return mPlayer.currentMetadata(); }
+    qint64 currentDurationMs() const;
+    // The listener's volume, 0.0 to 1.0, kept across items.
+    double volume() const;
+    void setVolume(double volume);
 
     // MediaServerMachineOwner
     void machineStateChanged() override;

@@ -95,7 +95,7 @@ void DBusServiceObject::sendAnswer(ServiceCallContext* context)
     if (context->error() != ServiceCallContext::NoError) {
         const bool notImplemented = context->error() == ServiceCallContext::NotImplemented;
         sendError(message,
-                  notImplemented ? QStringLiteral("com.kelvramotors.Error.NotImplemented") : QStringLiteral("com.kelvramotors.Error.Failed"),
+                  notImplemented ? QStringLiteral("com.kelvramotors.Error.NotImplemented") : QString::fromLatin1(DBusNames::failedError()),
                   context->errorMessage());
     } else if (method && method->resultType == QMetaType::Bool) {
         sendReply(message.createReply(context->results().value(QStringLiteral("_rval_")).toBool()));

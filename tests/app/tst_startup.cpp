@@ -174,6 +174,7 @@ const char* const kTable[] = {
     "mediaserver/stream_cache_max_async_load\tint\t3",
     "mediaserver/stream_cache_prune_timer_ms\tint\t60000",
     "mediaserver/stream_cache_required_free_disk_space_mb\tint\t300",
+    "mpris/enabled\tbool\ttrue",
     "net/allow_insecure_tls\tbool\ttrue",
     "service/bus\tstring\tsession",
     "storage/alternate_media_cache_folder\tstring\tROOT/media_cache_alt",

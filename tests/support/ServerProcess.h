@@ -43,6 +43,8 @@ public:
     QString home() const { return mHome.path(); }
     // The test's connection to the server's bus, for signals and other objects.
     QDBusConnection connection() const { return mConnection; }
+    // The bus's address, for tools run against the server (DBUS_SESSION_BUS_ADDRESS).
+    QString busAddress() const { return mBus.address(); }
 
 private:
     void readLog();
