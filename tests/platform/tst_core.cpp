@@ -18,8 +18,6 @@
 #include <QTimer>
 #include <QtTest>
 
-#include <csignal>
-#include <fcntl.h>
 #include <functional>
 #include <pthread.h>
 #include <thread>
@@ -197,59 +195,32 @@ private slots:
         QVERIFY(drained.size() < 5000 * 1001);
     }
 
-    // A reader that never drains may cost lines, never the exit: flush and destruction give up.
-    void neverDrainedReaderDelaysNothingForLong()
-    {
-        ::signal(SIGPIPE, SIG_IGN);   // as the server does; the stuck writer ends on EPIPE below
-        int fds[2];
-        QCOMPARE(::pipe(fds), 0);
-        ::fcntl(fds[1], F_SETFL, O_NONBLOCK);
-        const QByteArray filler(4096, 'f');
-        while (::write(fds[1], filler.constData(), size_t(filler.size())) > 0) {
-        }
-        ::fcntl(fds[1], F_SETFL, 0);
-        {
-            LogWriter writer(fds[1]);
-            writer.enqueue("never read\n");
-            QVERIFY(!writer.flush(std::chrono::milliseconds(100)));
-        }   // with a writer that joins a stuck thread, the test hangs here
-        ::close(fds[0]);
-        ::close(fds[1]);
-    }
-
-    void finalizersRunNewestFirstAndOnce()
+    // Finalizers run newest first and once, a late one too; the singletons go newest first and
+    // threads made to stop at shutdown are stopped.
+    void finalizeRunsNewestFirstOnceAndStopsThreads()
     {
         Finalizer* finalizer = Finalizer::instance();
         finalizer->finalize();   // whatever the platform registered runs first, out of the way
-        QStringList order;
-        finalizer->add(QStringLiteral("a"), [&] { order.append(QStringLiteral("a")); });
-        finalizer->add(QStringLiteral("b"), [&] {
-            order.append(QStringLiteral("b"));
-            finalizer->add(QStringLiteral("late"), [&] { order.append(QStringLiteral("late")); });
-        });
-        QCOMPARE(finalizer->pendingCount(), 2);
-        finalizer->finalize();
-        QCOMPARE(order, (QStringList{"b", "late", "a"}));
-        finalizer->finalize();
-        QCOMPARE(order.size(), 3);
-    }
-
-    // Finalize destroys the singletons newest first and stops threads made to stop at shutdown.
-    void finalizeDestroysSingletonsAndStopsThreads()
-    {
         sDestroyed.clear();
         FirstSingleton* first = Singleton<FirstSingleton>::instance();
         QCOMPARE(Singleton<FirstSingleton>::instance(), first);
         Singleton<SecondSingleton>::instance();
         SingletonCleanup registration;   // what the platform library does when it loads
+        finalizer->add(QStringLiteral("a"), [&] { sDestroyed.append(QStringLiteral("a")); });
+        finalizer->add(QStringLiteral("b"), [&] {
+            sDestroyed.append(QStringLiteral("b"));
+            finalizer->add(QStringLiteral("late"), [&] { sDestroyed.append(QStringLiteral("late")); });
+        });
         SimpleTThread thread(QStringLiteral("Stopper"), true);
         thread.start();
         QVERIFY(thread.isRunning());
-        Finalizer::instance()->finalize();
-        QCOMPARE(sDestroyed, (QStringList{"second", "first"}));
+        finalizer->finalize();
+        QCOMPARE(sDestroyed, (QStringList{"b", "late", "a", "second", "first"}));
         QVERIFY(!Singleton<FirstSingleton>::exists());
         QVERIFY(!Singleton<SecondSingleton>::exists());
         QVERIFY(thread.isFinished());
+        finalizer->finalize();
+        QCOMPARE(sDestroyed.size(), 5);
     }
 
     void timerStartedFromAnotherThreadFires()
