@@ -3,8 +3,7 @@
 
 #include "media_server/MediaServer2DataPublisher.h"
 #include "tests/support/PrivateBus.h"
-#include "tests/support/SteppedTone.h"
-#include "tests/support/TestHttpServer.h"
+#include "tests/support/ServerProcess.h"
 #include "tools/mediactl/StatusLine.h"
 #include "tools/mediactl/StatusMessageDecoder.h"
 
@@ -45,15 +44,6 @@ QJsonObject parsedLine(const QString& line)
     return QJsonDocument::fromJson(line.toUtf8()).object();
 }
 
-// The line of `message` in a status or watch output; empty when there is none.
-QString lineOf(const QString& output, const QString& message, bool json)
-{
-    for (const QString& line : output.split(QLatin1Char('\n')))
-        if (json ? parsedLine(line).value(QStringLiteral("name")).toString() == message : line.startsWith(message + QLatin1Char(' ')))
-            return line;
-    return QString();
-}
-
 } // namespace
 
 class TestMediaCtl : public QObject
@@ -62,60 +52,12 @@ class TestMediaCtl : public QObject
 private slots:
     void initTestCase()
     {
-        QVERIFY(mBus.isRunning());
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), mHome.path());
-        env.insert(QStringLiteral("XDG_CACHE_HOME"), mHome.path());
-        mServer.setProcessEnvironment(env);
-        mServer.setReadChannel(QProcess::StandardError);
-        mServer.start(binary("cabin-media-server"), {"--set", "service/bus=" + mBus.address(), "--set", "gstreamer/audio_sink=fakesink sync=true"});
-        QByteArray log;
-        const QDeadlineTimer deadline(20000);
-        while (!log.contains("run(): running") && mServer.waitForReadyRead(int(deadline.remainingTime())))
-            log += mServer.readAllStandardError();
-        QVERIFY2(log.contains("run(): running"), log.constData());
+        QVERIFY(mServer.start({"gstreamer/audio_sink=fakesink sync=true"}));
     }
 
     void cleanupTestCase()
     {
-        mServer.terminate();
-        QVERIFY(mServer.waitForFinished(10000) && mServer.exitStatus() == QProcess::NormalExit && mServer.exitCode() == 0);
-    }
-
-    // Before anything is loaded: a value with no value prints "-" (null in JSON), never 0.
-    void statusRightAfterStart_data()
-    {
-        QTest::addColumn<QString>("message");
-        QTest::addColumn<QString>("line");
-        QTest::addColumn<QString>("json");
-        QTest::newRow("buffer: progress 0, no bytes yet") << "MediaServer2BufferStatus"
-            << "MediaServer2BufferStatus bufferProgress=0 downloadedBytes=-"
-            << "{\"MEDIA2_bufferProgress\":0,\"MEDIA2_downloadedBytes\":null}";
-        QTest::newRow("playback: no position") << "MediaServer2PlaybackStatus" << "MediaServer2PlaybackStatus elapsedTime=-"
-            << "{\"MEDIA2_elapsedTime\":null}";
-        QTest::newRow("info: no media, flags false")
-            << "MediaServer2Info"
-            << "MediaServer2Info nowPlayingTitle=- serverState=NoMedia,NoError streamBitRate=- totalBytes=- streamCached=false playingCustomMedia=false"
-            << "{\"MEDIA2_nowPlayingTitle\":null,\"MEDIA2_serverState\":[\"NoMedia\",\"NoError\"],\"MEDIA2_streamBitRate\":null,"
-               "\"MEDIA2_totalBytes\":null,\"MEDIA2_streamCached\":false,\"MEDIA2_playingCustomMedia\":false}";
-        QTest::newRow("net stats: nothing moved") << "MediaServer2NetStats" << "MediaServer2NetStats connNetStats={\"categories\":{},\"linkState\":-1,\"received\":0,\"sent\":0}"
-            << "{\"MEDIA2_connNetStats\":{\"categories\":{},\"linkState\":-1,\"received\":0,\"sent\":0}}";
-    }
-
-    void statusRightAfterStart()
-    {
-        QFETCH(QString, message);
-        QFETCH(QString, line);
-        QFETCH(QString, json);
-        const Run text = ctl({"status"});
-        const Run parsed = ctl({"status", "--json"});
-        QCOMPARE(text.status, 0);
-        QCOMPARE(parsed.status, 0);
-        QCOMPARE(text.out.count(QLatin1Char('\n')), 4);
-        QCOMPARE(lineOf(text.out, message, false), line);
-        const QJsonObject values = parsedLine(lineOf(parsed.out, message, true)).value(QStringLiteral("values")).toObject();
-        QCOMPARE(values, QJsonDocument::fromJson(json.toUtf8()).object());
-        QCOMPARE(values.keys().size(), StatusMessageDecoder::valueNames(message).size());
+        QVERIFY(mServer.terminate());
     }
 
     void answersAndStatuses_data()
@@ -124,11 +66,23 @@ private slots:
         QTest::addColumn<int>("status");
         QTest::addColumn<QString>("out");
         QTest::addColumn<QString>("err");
-        // Nothing is loaded yet: play is refused.
+        // Nothing is loaded yet: a value with no value prints "-" (null in JSON), never 0, and
+        // play is refused.
+        QTest::newRow("status prints every message") << QStringList{"status"} << 0
+            << "MediaServer2BufferStatus bufferProgress=0 downloadedBytes=-\n"
+               "MediaServer2PlaybackStatus elapsedTime=-\n"
+               "MediaServer2Info nowPlayingTitle=- serverState=NoMedia,NoError streamBitRate=- totalBytes=- streamCached=false "
+               "playingCustomMedia=false\n"
+               "MediaServer2NetStats connNetStats={\"categories\":{},\"linkState\":-1,\"received\":0,\"sent\":0}\n" << "";
+        QTest::newRow("status as JSON") << QStringList{"status", "--json"} << 0
+            << "\n{\"name\":\"MediaServer2Info\",\"values\":{\"MEDIA2_nowPlayingTitle\":null,\"MEDIA2_serverState\":[\"NoMedia\",\"NoError\"],"
+               "\"MEDIA2_streamBitRate\":null,\"MEDIA2_totalBytes\":null,\"MEDIA2_streamCached\":false,\"MEDIA2_playingCustomMedia\":false}}\n"
+            << "";
         QTest::newRow("false answer is status 1") << QStringList{"play", "5000"} << 1 << "false\n" << "";
         QTest::newRow("load builds the item and answers")
             << QStringList{"load", "http://127.0.0.1/a.mp3", "--cache-key", "a", "--start", "1000", "--on-deck", "http://127.0.0.1/b.mp3"}
             << 0 << "true\n" << "";
+        QTest::newRow("play-file answers at once") << QStringList{"play-file", "/nonexistent.mp3"} << 0 << "true\n" << "";
         QTest::newRow("service status is JSON") << QStringList{"service-status"} << 0 << "{\"uptime\":" << "";
         QTest::newRow("valid value prints it") << QStringList{"get", "MEDIA2_bufferProgress"} << 0 << "0\n" << "";
         QTest::newRow("invalid value is status 1") << QStringList{"get", "LINK_linkState"} << 1 << "invalid\n" << "";
@@ -168,7 +122,7 @@ private slots:
     {
         QCOMPARE(ctl({"set", "GUI_canUseInternet", "true"}).status, 0);
         QProcess waiter;
-        waiter.start(binary("cabin-mediactl"), {"--bus", mBus.address(), "wait", "GUI_canUseInternet", "^false$", "--timeout", "20"});
+        waiter.start(binary("cabin-mediactl"), {"--bus", mServer.busAddress(), "wait", "GUI_canUseInternet", "^false$", "--timeout", "20"});
         QVERIFY(waiter.waitForStarted());
         // The waiter may subscribe before or after this write; either way it must see "false".
         QCOMPARE(ctl({"set", "GUI_canUseInternet", "false"}).status, 0);
@@ -177,41 +131,18 @@ private slots:
         QCOMPARE(QString::fromUtf8(waiter.readAllStandardOutput()), QStringLiteral("false\n"));
     }
 
-    // Messages follow the server as it plays: every line is a JSON object of one of the four
-    // messages, and the state Playing arrives in an Info message. SIGTERM ends the watch with 0.
-    void watchFollowsPlayback()
+    // Watching every message as JSON: each line is an object naming one of the four messages.
+    // SIGTERM ends the watch with 0.
+    void watchEndsWithZeroOnSigterm()
     {
-        QString error;
-        QFile tone(SteppedTone::file(SteppedTone::Format::Mp3, 3, &error));
-        QVERIFY2(tone.open(QIODevice::ReadOnly), qPrintable(error));
-        TestHttpServer media;
-        TestHttpResource resource;
-        resource.body = tone.readAll();
-        media.setResource(QStringLiteral("/tone.mp3"), resource);
-        QVERIFY(media.start());
         QProcess watcher;
-        watcher.start(binary("cabin-mediactl"), {"--bus", mBus.address(), "watch", "--json"});
-        QStringList names, unreadable;
-        bool playing = false;
-        auto readLines = [&] {
-            while (watcher.canReadLine()) {
-                const QString line = QString::fromUtf8(watcher.readLine()).trimmed();
-                const QJsonObject object = parsedLine(line);
-                const QString name = object.value(QStringLiteral("name")).toString();
-                if (!StatusMessageDecoder::messageNames().contains(name))
-                    unreadable.append(line);
-                names.append(name);
-                const QJsonValue state = object.value(QStringLiteral("values")).toObject().value(QStringLiteral("MEDIA2_serverState"));
-                playing = playing || (name == QLatin1String("MediaServer2Info") && state.toArray().first() == QStringLiteral("Playing"));
-            }
-            return !names.isEmpty();
-        };
-        // The periodic messages show that the watcher follows before anything changes.
-        QTRY_VERIFY_WITH_TIMEOUT(readLines(), 20000);
-        QCOMPARE(ctl({"load", media.url(QStringLiteral("/tone.mp3")).toString(), "--cache-key", "tone"}).status, 0);
-        QCOMPARE(ctl({"play", "0"}).status, 0);
-        QTRY_VERIFY_WITH_TIMEOUT((readLines(), playing), 20000);
-        QVERIFY2(unreadable.isEmpty(), qPrintable(unreadable.join(QLatin1Char('\n'))));
+        watcher.start(binary("cabin-mediactl"), {"--bus", mServer.busAddress(), "watch", "--json"});
+        QTRY_VERIFY_WITH_TIMEOUT(watcher.canReadLine(), 20000);
+        while (watcher.canReadLine()) {
+            const QString line = QString::fromUtf8(watcher.readLine());
+            QVERIFY2(StatusMessageDecoder::messageNames().contains(parsedLine(line).value(QStringLiteral("name")).toString()),
+                     qPrintable(line));
+        }
         watcher.terminate();
         QVERIFY(watcher.waitForFinished(10000));
         QCOMPARE(watcher.exitStatus(), QProcess::NormalExit);
@@ -259,7 +190,6 @@ private slots:
     {
         QTest::addColumn<QVariant>("title");
         QTest::addColumn<QString>("text");
-        QTest::newRow("no title is -") << QVariant() << "nowPlayingTitle=- ";
         QTest::newRow("the title - is quoted") << QVariant("-") << "nowPlayingTitle=\"-\" ";
         QTest::newRow("newline and quote are escaped") << QVariant("a\"\nMediaServer2Info") << "nowPlayingTitle=\"a\\\"\\nMediaServer2Info\" ";
     }
@@ -305,16 +235,14 @@ private:
     Run ctl(const QStringList& args)
     {
         QProcess process;
-        process.start(binary("cabin-mediactl"), QStringList{"--bus", mBus.address()} + args);
+        process.start(binary("cabin-mediactl"), QStringList{"--bus", mServer.busAddress()} + args);
         if (!process.waitForFinished(20000))
             return {};
         const int status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
         return {status, QString::fromUtf8(process.readAllStandardOutput()), QString::fromUtf8(process.readAllStandardError())};
     }
 
-    PrivateBus mBus;
-    QTemporaryDir mHome;
-    QProcess mServer;
+    ServerProcess mServer;
 };
 
 QTEST_GUILESS_MAIN(TestMediaCtl)

@@ -1,136 +1,23 @@
 // The real cabin-media-server binary: its command line, the whole configuration table, the
 // settings file and command-line layers, refusals, start-up logging and the exits on signals.
 
-#include "tests/support/PrivateBus.h"
+#include "tests/support/ServerProcess.h"
 
-#include <QProcess>
 #include <QRegularExpression>
-#include <QTemporaryDir>
 #include <QtTest>
 
 #include <csignal>
 #include <fcntl.h>
-#include <functional>
-#include <memory>
 #include <unistd.h>
 
 namespace {
 
-// Each test runs the server with folders and, when it serves, a bus of its own.
-class ServerRun
+// The log lines with their time and thread stripped: "INFO run(): running".
+QStringList logTexts(const ServerProcess& server)
 {
-public:
-    explicit ServerRun(const QString& journalStream = {})
-    {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), mDir.filePath(QStringLiteral("config")));
-        env.insert(QStringLiteral("XDG_CACHE_HOME"), mDir.filePath(QStringLiteral("cache")));
-        env.remove(QStringLiteral("CACHE_DIRECTORY"));
-        journalStream.isEmpty() ? env.remove(QStringLiteral("JOURNAL_STREAM"))
-                                : env.insert(QStringLiteral("JOURNAL_STREAM"), journalStream);
-        process.setProcessEnvironment(env);
-    }
-
-    QString cacheRoot() const { return mDir.filePath(QStringLiteral("cache/CabinMediaServer2")); }
-
-    QString writeFile(const QString& name, const QByteArray& content) const
-    {
-        const QString path = mDir.filePath(name);
-        QDir().mkpath(QFileInfo(path).path());
-        QFile file(path);
-        if (file.open(QIODevice::WriteOnly))
-            file.write(content);
-        return path;
-    }
-
-    bool runToEnd(const QStringList& args)
-    {
-        process.start(qEnvironmentVariable("CABIN_BIN_DIR") + QStringLiteral("/cabin-media-server"), args);
-        const bool finished = finish();
-        out = QString::fromUtf8(process.readAllStandardOutput());
-        return finished;
-    }
-
-    // Starts the server and waits until its log says the event loop runs.
-    bool startRunning(const QStringList& args = {})
-    {
-        if (busAddress().isEmpty())
-            return false;
-        process.start(qEnvironmentVariable("CABIN_BIN_DIR") + QStringLiteral("/cabin-media-server"),
-                      args + QStringList{"--set", "service/bus=" + busAddress()});
-        const QDeadlineTimer deadline(20000);
-        while (!err.contains(QLatin1String("run(): running")) && !deadline.hasExpired()
-               && process.state() != QProcess::NotRunning) {
-            process.waitForReadyRead(200);
-            err += QString::fromUtf8(process.readAllStandardError());
-        }
-        return err.contains(QLatin1String("run(): running"));
-    }
-
-    bool finish()
-    {
-        const bool finished = process.waitForFinished(20000);
-        err += QString::fromUtf8(process.readAllStandardError());
-        return finished;
-    }
-
-    // The log lines with their time and thread stripped: "INFO run(): running".
-    QStringList logTexts() const
-    {
-        static const QRegularExpression prefix(QStringLiteral(R"(^\S+ (INFO|WARN|ERROR) \[[^\]]*\] )"));
-        return err.split(QLatin1Char('\n'), Qt::SkipEmptyParts).replaceInStrings(prefix, QStringLiteral("\\1 "));
-    }
-
-    // Starts the server serving its own bus with `arrangeStreams` run in the child before exec,
-    // and waits until SIGTERM would reach its handler. The log cannot tell: the test may have
-    // taken stderr away.
-    bool startWithStreams(const std::function<void()>& arrangeStreams)
-    {
-        if (busAddress().isEmpty())
-            return false;
-        process.setChildProcessModifier(arrangeStreams);
-        process.start(qEnvironmentVariable("CABIN_BIN_DIR") + QStringLiteral("/cabin-media-server"),
-                      {"--set", "service/bus=" + busAddress()});
-        const QDeadlineTimer deadline(20000);
-        while (!catchesSigterm() && !deadline.hasExpired() && process.state() != QProcess::NotRunning)
-            process.waitForFinished(50);
-        return catchesSigterm();
-    }
-
-    // What descriptor `fd` of the server refers to.
-    QString descriptorTarget(int fd) const
-    {
-        return QFile::symLinkTarget(QStringLiteral("/proc/%1/fd/%2").arg(process.processId()).arg(fd));
-    }
-
-    QString busAddress()
-    {
-        if (!mBus)
-            mBus = std::make_unique<PrivateBus>();
-        return mBus->address();
-    }
-
-    QProcess process;
-    QString out, err;
-
-private:
-    // Until exec, the child is a copy of the test, which catches SIGTERM too.
-    bool catchesSigterm() const
-    {
-        const QString proc = QStringLiteral("/proc/%1/").arg(process.processId());
-        if (process.processId() == 0 || !QFile::symLinkTarget(proc + QStringLiteral("exe")).endsWith(QLatin1String("/cabin-media-server")))
-            return false;
-        QFile status(proc + QStringLiteral("status"));
-        if (!status.open(QIODevice::ReadOnly))
-            return false;
-        static const QRegularExpression caught(QStringLiteral("^SigCgt:\\s*([0-9a-f]+)$"), QRegularExpression::MultilineOption);
-        const QRegularExpressionMatch match = caught.match(QString::fromLatin1(status.readAll()));
-        return match.hasMatch() && (match.captured(1).toULongLong(nullptr, 16) & (1ULL << (SIGTERM - 1)));
-    }
-
-    QTemporaryDir mDir;
-    std::unique_ptr<PrivateBus> mBus;
-};
+    static const QRegularExpression prefix(QStringLiteral(R"(^\S+ (INFO|WARN|ERROR) \[[^\]]*\] )"));
+    return server.logLines().replaceInStrings(prefix, QStringLiteral("\\1 "));
+}
 
 // The whole table in listing order: key, type and compiled-in default. Defaults under the cache
 // root are written with the placeholder ROOT.
@@ -188,36 +75,35 @@ class TestStartup : public QObject
 {
     Q_OBJECT
 private slots:
-    // Every key, sorted, with its type and default, and nothing else; the current column is the
-    // default when nothing is set.
-    void listsEveryKeyWithTypeAndDefault()
+    // Every key, sorted, with its type, default and current value, and nothing else: the current
+    // column is the default unless the settings file or --set (which wins) gives a value, and a
+    // key shared by two objects sets both of its lines.
+    void listsEveryKeyWithTypeDefaultAndValue()
     {
-        ServerRun run;
-        QVERIFY(run.runToEnd({"--list-config"}));
-        QCOMPARE(run.process.exitCode(), 0);
+        ServerProcess server;
+        server.writeFile(QStringLiteral("config/KelvraMotors/CabinMediaServer2.conf"), "[media_buffer]\ndownload_retries=5\nallow_fifo=true\n");
+        QVERIFY(server.run({"--list-config", "--set", "media_buffer/download_retries=9", "--set=mediaserver/stream_cache_db_file=/data/cache.db"}));
+        QCOMPARE(server.process().exitCode(), 0);
+        const QHash<QString, QString> set{{"media_buffer/download_retries", "9"}, {"media_buffer/allow_fifo", "true"},
+                                          {"mediaserver/stream_cache_db_file", "/data/cache.db"}};
         QStringList expected;
         for (const char* row : kTable) {
-            const QString line = QString::fromLatin1(row).replace(QLatin1String("ROOT"), run.cacheRoot());
-            expected.append(line + QLatin1Char('\t') + line.section(QLatin1Char('\t'), 2));
+            const QString line = QString::fromLatin1(row).replace(QLatin1String("ROOT"), server.cacheRoot());
+            const QString key = line.section(QLatin1Char('\t'), 0, 0);
+            expected.append(line + QLatin1Char('\t') + set.value(key, line.section(QLatin1Char('\t'), 2)));
         }
-        QCOMPARE(run.out.split(QLatin1Char('\n'), Qt::SkipEmptyParts), expected);
-        QVERIFY2(!QDir(run.cacheRoot()).exists(), "listing the settings must not create folders");
+        QCOMPARE(server.out().split(QLatin1Char('\n'), Qt::SkipEmptyParts), expected);
+        QVERIFY2(!QDir(server.cacheRoot()).exists(), "listing the settings must not create folders");
     }
 
-    void layersAndTheSharedKeyShowInTheCurrentColumn()
+    void malformedSettingsFileLogsOnceAndKeepsDefaults()
     {
-        ServerRun run;
-        run.writeFile(QStringLiteral("config/KelvraMotors/CabinMediaServer2.conf"),
-                      "[media_buffer]\ndownload_retries=5\nallow_fifo=true\n");
-        QVERIFY(run.runToEnd({"--list-config", "--set", "media_buffer/download_retries=9",
-                              "--set=mediaserver/stream_cache_db_file=/data/cache.db"}));
-        QCOMPARE(run.process.exitCode(), 0);
-        const QStringList lines = run.out.split(QLatin1Char('\n'));
-        for (const char* line : {"media_buffer/download_retries\tint\t3\t9", "media_buffer/allow_fifo\tbool\tfalse\ttrue",
-                                 "media_buffer/download_timeout\tint\t10000\t10000"})
-            QVERIFY2(lines.contains(QLatin1String(line)), line);
-        static const QRegularExpression shared(QStringLiteral("^mediaserver/stream_cache_db_file\t[^\t]*\t[^\t]*\t/data/cache\\.db$"));
-        QCOMPARE(lines.filter(shared).size(), 2);   // one key sets both of its lines
+        ServerProcess server;
+        const QString path = server.writeFile(QStringLiteral("broken.conf"), "[media_buffer\ndownload_retries=8\n");
+        QVERIFY(server.run({"--list-config", "--config", path}));
+        QCOMPARE(server.process().exitCode(), 0);
+        QVERIFY(server.out().split(QLatin1Char('\n')).contains(QStringLiteral("media_buffer/download_retries\tint\t3\t3")));
+        QCOMPARE(logTexts(server), QStringList{"WARN loadSettingsFile(): settings file " + path + " is malformed; using the defaults"});
     }
 
     // Informational options print and exit 0; a bad command line is refused with exit 2 and one line.
@@ -229,11 +115,9 @@ private slots:
         QTest::addColumn<QString>("err");   // all of standard error
         QTest::newRow("--help") << QStringList{"--help"} << 0 << "Usage: cabin-media-server [OPTIONS]\n" << QString();
         QTest::newRow("--version") << QStringList{"--version"} << 0 << "cabin-media-server 0.1.0\n" << QString();
-        const QString refused = QStringLiteral("cabin-media-server: %1\n");
+        const QString refused = QStringLiteral("cabin-media-server: %1");
         QTest::newRow("unknown key") << QStringList{"--set", "media_buffer/no_such=1"} << 2 << QString()
             << refused.arg("unknown configuration key \"media_buffer/no_such\" (--list-config shows every key)");
-        QTest::newRow("int key given words") << QStringList{"--set", "media_buffer/download_retries=three"} << 2 << QString()
-            << refused.arg("configuration key \"media_buffer/download_retries\" expects int, got \"three\"");
         QTest::newRow("bad value refused even with --list-config") << QStringList{"--list-config", "--set=gstreamer/volume=loud"}
             << 2 << QString() << refused.arg("configuration key \"gstreamer/volume\" expects real, got \"loud\"");
         QTest::newRow("unknown option") << QStringList{"--play-now"} << 2 << QString()
@@ -246,22 +130,12 @@ private slots:
         QFETCH(int, exitCode);
         QFETCH(QString, out);
         QFETCH(QString, err);
-        ServerRun run;
-        QVERIFY(run.runToEnd(args));
-        QCOMPARE(run.process.exitStatus(), QProcess::NormalExit);
-        QCOMPARE(run.process.exitCode(), exitCode);
-        QCOMPARE(run.err, err);
-        QVERIFY2(out.isEmpty() ? run.out.isEmpty() : run.out.startsWith(out), qPrintable(run.out));
-    }
-
-    void malformedSettingsFileLogsOnceAndKeepsDefaults()
-    {
-        ServerRun run;
-        const QString path = run.writeFile(QStringLiteral("broken.conf"), "[media_buffer\ndownload_retries=8\n");
-        QVERIFY(run.runToEnd({"--list-config", "--config", path}));
-        QCOMPARE(run.process.exitCode(), 0);
-        QVERIFY(run.out.split(QLatin1Char('\n')).contains(QStringLiteral("media_buffer/download_retries\tint\t3\t3")));
-        QCOMPARE(run.logTexts(), QStringList{"WARN loadSettingsFile(): settings file " + path + " is malformed; using the defaults"});
+        ServerProcess server;
+        QVERIFY(server.run(args));
+        QCOMPARE(server.process().exitStatus(), QProcess::NormalExit);
+        QCOMPARE(server.process().exitCode(), exitCode);
+        QCOMPARE(server.logLines().join(QLatin1Char('\n')), err);
+        QVERIFY2(out.isEmpty() ? server.out().isEmpty() : server.out().startsWith(out), qPrintable(server.out()));
     }
 
     void startsLogsAndExitsCleanlyOnSignal_data()
@@ -275,23 +149,23 @@ private slots:
     {
         QFETCH(int, signalNumber);
         QFETCH(QString, name);
-        ServerRun run;
-        const QString path = run.writeFile(QStringLiteral("custom.conf"), "[gstreamer]\nvolume=0.5\n");
-        QVERIFY2(run.startRunning({"--config", path}), qPrintable(run.err));
-        QCOMPARE(::kill(pid_t(run.process.processId()), signalNumber), 0);
-        QVERIFY(run.finish());
-        QCOMPARE(run.process.exitStatus(), QProcess::NormalExit);
-        QCOMPARE(run.process.exitCode(), 0);
+        ServerProcess server;
+        const QString path = server.writeFile(QStringLiteral("custom.conf"), "[gstreamer]\nvolume=0.5\n");
+        QVERIFY(server.start({}, {"--config", path}));
+        QCOMPARE(::kill(pid_t(server.process().processId()), signalNumber), 0);
+        QVERIFY(server.waitForExit());
+        QCOMPARE(server.process().exitStatus(), QProcess::NormalExit);
+        QCOMPARE(server.process().exitCode(), 0);
         // The milestones of start-up and shutdown, in order: the player exists (its machine in
         // NoMedia, published) before the service is served, and playback is stopped at the end.
         const QRegularExpression milestone(QStringLiteral("^INFO (startUp|MediaServerMachineSM|logChange|start|run|readSignals|"
                                                           "shutDown|internalStop)\\(\\)"));
-        const QStringList texts = run.logTexts().filter(milestone).replaceInStrings(
+        const QStringList texts = logTexts(server).filter(milestone).replaceInStrings(
             QRegularExpression(QStringLiteral("pid [1-9][0-9]*,")), QStringLiteral("pid N,"));
         QCOMPARE(texts, (QStringList{"INFO startUp(): CabinMediaServer2 0.1.0 starting, pid N, settings file " + path,
                                      "INFO MediaServerMachineSM(): Transition to initial state NoMediaState because initializing",
                                      "INFO logChange(): MEDIA2_serverState changed: NoMedia, NoError",
-                                     "INFO start(): serving 2 services and 2 publishers on the bus at " + run.busAddress(),
+                                     "INFO start(): serving 2 services and 2 publishers on the bus at " + server.busAddress(),
                                      "INFO run(): running",
                                      "INFO readSignals(): received " + name + ", shutting down",
                                      "INFO shutDown(): event loop ended, shutting down",
@@ -318,8 +192,8 @@ private slots:
         }
         ::fcntl(fds[1], F_SETFL, 0);   // the server's writes must block, as on a real pipe
         const int fullPipe = fds[1];
-        ServerRun run;
-        QVERIFY(run.startWithStreams([closed, fullPipe] {
+        ServerProcess server;
+        QVERIFY(server.startWithStreams([closed, fullPipe] {
             if (!closed) {
                 ::dup2(fullPipe, STDERR_FILENO);
                 return;
@@ -328,21 +202,22 @@ private slots:
                 ::close(fd);
         }));
         ::close(fds[1]);
-        if (closed) {
-            for (int fd = 0; fd <= 2; ++fd)
-                QCOMPARE(run.descriptorTarget(fd), QStringLiteral("/dev/null"));
-        }
-        QCOMPARE(::kill(pid_t(run.process.processId()), SIGTERM), 0);
-        QVERIFY(run.process.waitForFinished(10000));
-        QCOMPARE(run.process.exitStatus(), QProcess::NormalExit);
-        QCOMPARE(run.process.exitCode(), 0);
+        const qint64 pid = server.process().processId();
+        for (int fd = 0; closed && fd <= 2; ++fd)
+            QCOMPARE(QFile::symLinkTarget(QStringLiteral("/proc/%1/fd/%2").arg(pid).arg(fd)), QStringLiteral("/dev/null"));
+        QCOMPARE(::kill(pid_t(pid), SIGTERM), 0);
+        QVERIFY(server.waitForExit(10000));
+        QCOMPARE(server.process().exitStatus(), QProcess::NormalExit);
+        QCOMPARE(server.process().exitCode(), 0);
         ::close(fds[0]);
     }
 
-    void cannotStartWithoutBusOrNameOrPolicy()
+    // Without its bus the server ends with status 1 and one line saying why, whether it cannot
+    // start or loses the bus while it runs (so that its service manager starts it again).
+    void endsWithStatusOneWithoutItsBus()
     {
-        ServerRun first;   // owns the name on its bus
-        QVERIFY(first.startRunning());
+        ServerProcess first;   // owns the name on its bus
+        QVERIFY(first.start());
         // The shipped system-bus policy lets only the service's own user own the name; the test
         // runs as another user.
         const QString policy = qEnvironmentVariable("CABIN_SOURCE_DIR") + QStringLiteral("/data/dbus/com.kelvramotors.MediaServer2.conf");
@@ -354,34 +229,37 @@ private slots:
             "<allow receive_sender=\"*\"/></policy>\n<include>%1</include></busconfig>\n").arg(policy).toUtf8()));
         QVERIFY(systemBus.isRunning());
         const QString name = QStringLiteral("the bus name com.kelvramotors.MediaServer2");
+        const QString address = first.busAddress();
         const QList<QPair<QString, QString>> cases{   // bus address, how the last log line starts
-            {first.busAddress(), "ERROR start(): " + name + " is already owned on the bus at " + first.busAddress()
-                                     + "; stop the process that owns it first"},
+            {address, "ERROR start(): " + name + " is already owned on the bus at " + address + "; stop the process that owns it first"},
             {"unix:path=/nonexistent/bus", "ERROR start(): cannot reach the bus at unix:path=/nonexistent/bus: "},
             {systemBus.address(), "ERROR start(): not allowed to own " + name + " on the bus at " + systemBus.address()}};
-        for (const auto& [address, error] : cases) {
-            ServerRun run;
-            QVERIFY(run.runToEnd({"--set", "service/bus=" + address}));
-            QCOMPARE(run.process.exitCode(), 1);
-            QVERIFY2(!run.logTexts().filter(QRegularExpression("^" + QRegularExpression::escape(error))).isEmpty(), qPrintable(run.err));
+        for (const auto& [bus, error] : cases) {
+            ServerProcess server;
+            QVERIFY(server.run({"--set", "service/bus=" + bus}));
+            QCOMPARE(server.process().exitCode(), 1);
+            QVERIFY2(!logTexts(server).filter(QRegularExpression("^" + QRegularExpression::escape(error))).isEmpty(),
+                     qPrintable(server.logLines().join('\n')));
         }
-        first.process.terminate();
-        QVERIFY(first.finish());
+        first.stopBus();
+        QVERIFY(first.waitForExit());
+        QCOMPARE(first.process().exitStatus(), QProcess::NormalExit);
+        QCOMPARE(first.process().exitCode(), 1);
+        QVERIFY(first.logHas("lost the connection to the bus at " + address));
     }
 
     // Under journald every log line carries its priority; a fatal signal leaves a backtrace.
     void journalPrefixesAndFatalSignalBacktrace()
     {
-        ServerRun run(QStringLiteral("8:12345"));
-        QVERIFY(run.startRunning());
-        QCOMPARE(::kill(pid_t(run.process.processId()), SIGABRT), 0);
-        QVERIFY(run.finish());
-        QCOMPARE(run.process.exitStatus(), QProcess::CrashExit);
-        const qsizetype fatal = run.err.indexOf(QLatin1String("\nERROR fatal signal ABRT, backtrace:\n"));
-        QVERIFY2(fatal > 0, qPrintable(run.err));
-        const QStringList lines = run.err.left(fatal).split(QLatin1Char('\n'));
-        QVERIFY2(lines.size() >= 3, qPrintable(run.err));   // start-up, serving, running at least
-        for (const QString& line : lines)
+        ServerProcess server(QStringLiteral("8:12345"));
+        QVERIFY(server.start());
+        QCOMPARE(::kill(pid_t(server.process().processId()), SIGABRT), 0);
+        QVERIFY(server.waitForExit());
+        QCOMPARE(server.process().exitStatus(), QProcess::CrashExit);
+        const QStringList lines = server.logLines();
+        const qsizetype fatal = lines.indexOf(QStringLiteral("ERROR fatal signal ABRT, backtrace:"));
+        QVERIFY2(fatal >= 3, qPrintable(lines.join('\n')));   // start-up, serving, running at least
+        for (const QString& line : lines.mid(0, fatal))
             QVERIFY2(line.startsWith(QLatin1String("<6>INFO [")), qPrintable(line));
     }
 };

@@ -1,7 +1,8 @@
 // The playback state machine: which events each state takes and where they lead, the refusal
 // of every other event, the trace lines, the owner's notifications, and the rules that derive
-// the published state pair from the machine.
+// the published state pair from the machine; the pair's names and the value that carries it.
 
+#include "UI/media_server/MediaServerStateDataValue.h"
 #include "media_server/MediaServerMachineOwner.h"
 #include "media_server/MediaServerMachineSM.h"
 #include "media_server/MediaServerMachineState.h"
@@ -14,6 +15,12 @@
 using namespace MediaV2;
 
 namespace {
+
+QString uniqueName()
+{
+    static int counter = 0;
+    return QStringLiteral("TEST_serverState_%1").arg(++counter);
+}
 
 const char* const kNames[] = {"NoMediaState", "LoadingState", "LoadedState", "DoPlayState", "DoPauseState",
                               "DoPlayingSeekState", "DoPausedSeekState", "PlayingState", "PausedState",
@@ -142,200 +149,224 @@ class TestPlaybackMachine : public QObject
 {
     Q_OBJECT
 private slots:
-    void firstTransitionEntersNoMediaAndFinishesTheStop();
-    void listedPairMovesWithItsReason_data();
-    void listedPairMovesWithItsReason();
-    void unlistedPairIsRefusedAndLogged_data();
-    void unlistedPairIsRefusedAndLogged();
-    void journeysEndWhereTheyMust_data();
-    void journeysEndWhereTheyMust();
-    void traceOffLogsNothingButMovesTheSame();
-    void stateTimerDeliversTimeout();
-    void machineStateMapsToPublishedState_data();
-    void machineStateMapsToPublishedState();
-    void errorIsChosenByStateAndEngine_data();
-    void errorIsChosenByStateAndEngine();
+    void listedPairMovesWithItsReason_data()
+    {
+        QTest::addColumn<int>("state");
+        QTest::addColumn<int>("event");
+        QTest::addColumn<int>("next");
+        QTest::addColumn<QString>("reason");
+        for (const Row& row : kRows)
+            QTest::addRow("%s %s", kNames[row.state], row.event) << row.state << eventIndex(row.event) << row.next << row.reason;
+    }
+
+    void listedPairMovesWithItsReason()
+    {
+        QFETCH(int, state);
+        QFETCH(int, event);
+        QFETCH(int, next);
+        QFETCH(QString, reason);
+        Fixture f;
+        f.putIn(state);
+        LogCapture log;
+        QVERIFY(f.send(event));
+        QCOMPARE(f.machine.currentState()->state_id(), next);
+        QCOMPARE(log.records().size(), 1);
+        static const QRegularExpression line(QStringLiteral("^Transition (\\w+) -> (\\w+) because (.*) # \\d+\\n$"));
+        const QRegularExpressionMatch match = line.match(log.records().first().message);
+        QVERIFY2(match.hasMatch(), qPrintable(log.records().first().message));
+        QCOMPARE(match.captured(1), QString::fromLatin1(kNames[state]));
+        QCOMPARE(match.captured(2), QString::fromLatin1(kNames[next]));
+        QCOMPARE(match.captured(3), reason);
+        QStringList expected{"changed " + QString::fromLatin1(kNames[next])};
+        if (next == S::NoMedia)
+            expected.append("onStop " + QString::fromLatin1(kNames[next]));
+        QCOMPARE(f.owner.calls, expected);
+    }
+
+    void unlistedPairIsRefusedAndLogged_data()
+    {
+        QTest::addColumn<int>("state");
+        QTest::addColumn<int>("event");
+        for (int state = 0; state < S::StateCount; ++state)
+            for (int event = 0; event < kEventCount; ++event)
+                if (!listed(state, event))
+                    QTest::addRow("%s %s", kNames[state], MediaServerMachineState::eventName(MachineEvent(event))) << state << event;
+    }
+
+    void unlistedPairIsRefusedAndLogged()
+    {
+        QFETCH(int, state);
+        QFETCH(int, event);
+        Fixture f;
+        f.putIn(state);
+        LogCapture log;
+        QVERIFY(!f.send(event));
+        QCOMPARE(f.machine.currentState()->state_id(), state);
+        QVERIFY(f.owner.calls.isEmpty());
+        QCOMPARE(log.records().size(), 1);
+        QCOMPARE(log.records().first().message, QStringLiteral("Unhandled %1 in %2\n")
+                                                    .arg(QLatin1String(MediaServerMachineState::eventName(MachineEvent(event))),
+                                                         QLatin1String(kNames[state])));
+    }
+
+    void traceOffLogsNothingButMovesTheSame()
+    {
+        LogCapture log;
+        Fixture f(false);
+        f.machine.goState(f.machine.state(S::NoMedia), QStringLiteral("initializing"));
+        QVERIFY(f.send(eventIndex("load")));
+        QVERIFY(!f.send(eventIndex("play")));
+        QCOMPARE(f.machine.currentState()->state_id(), int(S::Loading));
+        QVERIFY(log.records().isEmpty());
+        QCOMPARE(f.owner.calls.last(), QStringLiteral("changed LoadingState"));
+    }
+
+    void machineStateMapsToPublishedState_data()
+    {
+        QTest::addColumn<int>("machineState");
+        QTest::addColumn<int>("published");
+        const MediaServerState expected[] = {NoMedia, Loading, Loaded, TryingToPlay, TryingToPause, Seeking, Seeking, Playing,
+                                             Paused, Buffering, Buffering, Stopping, PlaybackComplete, PlaybackError, MediaFetchError};
+        for (int id = 0; id < S::StateCount; ++id)
+            QTest::addRow("%s", kNames[id]) << id << int(expected[id]);
+    }
+
+    void machineStateMapsToPublishedState()
+    {
+        QFETCH(int, machineState);
+        QFETCH(int, published);
+        LogCapture log;
+        QCOMPARE(int(ServerStateRules::machineStateToState(machineState)), published);
+        QVERIFY(log.asserts().isEmpty());
+        QCOMPARE(int(ServerStateRules::machineStateToState(15)), int(NoMedia));
+        QCOMPARE(log.assertMessages(), QStringList{"machineStateToState(): unknown state: 15"});
+        QCOMPARE(log.asserts().first().condition, QStringLiteral("false"));
+    }
+
+    void errorIsChosenByStateAndEngine_data()
+    {
+        using namespace ServerStateRules;
+        QTest::addColumn<int>("state");
+        QTest::addColumn<int>("engine");
+        QTest::addColumn<int>("error");
+        QTest::newRow("playback error is recoverable") << int(PlaybackError) << int(EngineError) << int(RecoverablePlaybackError);
+        QTest::newRow("fetch error, engine timed out") << int(MediaFetchError) << int(EngineErrorTimeout) << int(TimeoutFetchError);
+        QTest::newRow("fetch error, engine forbidden") << int(MediaFetchError) << int(EngineErrorForbidden) << int(ForbiddenFetchError);
+        QTest::newRow("fetch error, engine error") << int(MediaFetchError) << int(EngineError) << int(RecoverableFetchError);
+        QTest::newRow("fetch error, engine stopped") << int(MediaFetchError) << int(EngineStopped) << int(RecoverableFetchError);
+        QTest::newRow("playing has no error") << int(Playing) << int(EngineErrorForbidden) << int(NoError);
+        QTest::newRow("buffering has no error") << int(Buffering) << int(EngineErrorTimeout) << int(NoError);
+    }
+
+    void errorIsChosenByStateAndEngine()
+    {
+        QFETCH(int, state);
+        QFETCH(int, engine);
+        QFETCH(int, error);
+        QCOMPARE(int(ServerStateRules::errorForState(MediaServerState(state), ServerStateRules::EngineState(engine))), error);
+    }
+
+    void names_data()
+    {
+        QTest::addColumn<bool>("isState");
+        QTest::addColumn<int>("number");
+        QTest::addColumn<QString>("expectedName");
+        QTest::addColumn<QString>("expectedAssert");   // empty: none
+
+        const QStringList states{"NoMedia", "Loading", "Loaded", "TryingToPlay", "TryingToPause", "Seeking", "Playing",
+                                 "Paused", "Buffering", "Stopping", "PlaybackComplete", "PlaybackError", "MediaFetchError"};
+        const QStringList errors{"NoError", "RecoverablePlaybackError", "UnrecoverablePlaybackError", "RecoverableFetchError",
+                                 "UnrecoverableFetchError", "TimeoutFetchError", "ForbiddenFetchError"};
+        for (int i = 0; i < states.size(); ++i)
+            QTest::addRow("state %d is %s", i, qPrintable(states[i])) << true << i << states[i] << QString();
+        for (int i = 0; i < errors.size(); ++i)
+            QTest::addRow("error %d is %s", i, qPrintable(errors[i])) << false << i << errors[i] << QString();
+        const QString state = QStringLiteral("MediaServerUtils::nameForState(): unknown state: %1");
+        const QString error = QStringLiteral("MediaServerUtils::nameForError(): unknown error: %1");
+        QTest::newRow("state 13, one past the last, is unknown") << true << 13 << "Unknown" << state.arg(13);
+        QTest::newRow("error 7, one past the last, is unknown") << false << 7 << "Unknown" << error.arg(7);
+    }
+
+    void names()
+    {
+        QFETCH(bool, isState);
+        QFETCH(int, number);
+        QFETCH(QString, expectedName);
+        QFETCH(QString, expectedAssert);
+        LogCapture capture;
+        QCOMPARE(isState ? MediaServerUtils::nameForState(MediaServerState(number))
+                         : MediaServerUtils::nameForError(MediaServerError(number)),
+                 expectedName);
+        QCOMPARE(capture.assertMessages(), expectedAssert.isEmpty() ? QStringList() : QStringList{expectedAssert});
+    }
+
+    void pairFromVariant_data()
+    {
+        QTest::addColumn<QVariant>("input");
+        QTest::addColumn<QList<int>>("expected");   // state, error; empty: refused, Playing/RecoverableFetchError kept
+
+        QTest::newRow("one element sets the state and clears the error") << QVariant(QVariantList{7}) << QList<int>{Paused, NoError};
+        QTest::newRow("two elements set both") << QVariant(QVariantList{12, 6}) << QList<int>{MediaFetchError, ForbiddenFetchError};
+        QTest::newRow("a list of number texts is read as numbers") << QVariant(QStringList{"7", "0"}) << QList<int>{Paused, NoError};
+        QTest::newRow("text is refused and the pair kept") << QVariant(QString("abc")) << QList<int>();
+        QTest::newRow("a null variant is refused and the pair kept") << QVariant() << QList<int>();
+    }
+
+    void pairFromVariant()
+    {
+        QFETCH(QVariant, input);
+        QFETCH(QList<int>, expected);
+        MediaServerStateDataValueData data{Playing, RecoverableFetchError};
+        QCOMPARE(data.setFromVariant(input), !expected.isEmpty());
+        QCOMPARE((QList<int>{data.state, data.error}), (expected.isEmpty() ? QList<int>{Playing, RecoverableFetchError} : expected));
+    }
+
+    void setAndChangeSignals_data()
+    {
+        QTest::addColumn<QList<int>>("pairs");   // state, error, state, error, ... set in order
+        QTest::addColumn<int>("expectedChanges");
+        QTest::addColumn<QString>("expectedText");
+
+        QTest::newRow("the default pair is a value once set") << QList<int>{NoMedia, NoError} << 1 << "NoMedia, NoError";
+        QTest::newRow("the last state with the last error")
+            << QList<int>{MediaFetchError, ForbiddenFetchError} << 1 << "MediaFetchError, ForbiddenFetchError";
+        QTest::newRow("same pair again is no change") << QList<int>{Playing, NoError, Playing, NoError} << 1 << "Playing, NoError";
+        QTest::newRow("a different state is one more change")
+            << QList<int>{Playing, NoError, Buffering, NoError} << 2 << "Buffering, NoError";
+        QTest::newRow("a different error alone is one more change")
+            << QList<int>{Playing, NoError, Playing, RecoverablePlaybackError} << 2 << "Playing, RecoverablePlaybackError";
+    }
+
+    void setAndChangeSignals()
+    {
+        QFETCH(QList<int>, pairs);
+        QFETCH(int, expectedChanges);
+        QFETCH(QString, expectedText);
+        MediaServerStateDataValue value(uniqueName());
+        MediaServerState state = Seeking;
+        MediaServerError error = TimeoutFetchError;
+        bool valid = true;
+        value.serverState(&valid);
+        QVERIFY(!value.retrieveState(&state, &error) && !valid);   // no pair before the first set,
+        QVERIFY(state == Seeking && error == TimeoutFetchError);     // and nothing written
+        QSignalSpy valueSpy(&value, &DataValue::valueChanged);
+        QSignalSpy stateSpy(&value, &MediaServerStateDataValue::mediaServerStateChanged);
+        for (int i = 0; i < pairs.size(); i += 2)
+            value.setState(MediaServerState(pairs[i]), MediaServerError(pairs[i + 1]));
+        QCOMPARE(valueSpy.count(), expectedChanges);
+        QCOMPARE(stateSpy.count(), expectedChanges);
+        QCOMPARE(stateSpy.last().at(0).value<MediaServerStateDataValue*>(), &value);
+        const QList<int> last = pairs.mid(pairs.size() - 2);
+        QVERIFY(value.retrieveState(&state, &error) && value.retrieveState(nullptr, nullptr));
+        QCOMPARE((QList<int>{state, error}), last);
+        QCOMPARE(int(value.serverState(&valid)), last[0]);
+        QVERIFY(valid);
+        const QVariantList list = value.variant().toList();   // [state, error] as ints
+        QCOMPARE(list, (QVariantList{last[0], last[1]}));
+        QVERIFY(list[0].userType() == QMetaType::Int && list[1].userType() == QMetaType::Int);
+        QCOMPARE(value.toString(), expectedText);
+    }
 };
-
-void TestPlaybackMachine::firstTransitionEntersNoMediaAndFinishesTheStop()
-{
-    LogCapture log;
-    Fixture f;
-    QVERIFY(!f.machine.currentState());
-    QVERIFY(f.machine.goState(f.machine.state(S::NoMedia), QStringLiteral("initializing")));
-    QCOMPARE(log.records().size(), 1);
-    QCOMPARE(log.records().first().message, QStringLiteral("Transition to initial state NoMediaState because initializing\n"));
-    QCOMPARE(f.owner.calls, (QStringList{"changed NoMediaState", "onStop NoMediaState"}));
-}
-
-void TestPlaybackMachine::listedPairMovesWithItsReason_data()
-{
-    QTest::addColumn<int>("state");
-    QTest::addColumn<int>("event");
-    QTest::addColumn<int>("next");
-    QTest::addColumn<QString>("reason");
-    for (const Row& row : kRows)
-        QTest::addRow("%s %s", kNames[row.state], row.event) << row.state << eventIndex(row.event) << row.next << row.reason;
-}
-
-void TestPlaybackMachine::listedPairMovesWithItsReason()
-{
-    QFETCH(int, state);
-    QFETCH(int, event);
-    QFETCH(int, next);
-    QFETCH(QString, reason);
-    Fixture f;
-    f.putIn(state);
-    LogCapture log;
-    QVERIFY(f.send(event));
-    QCOMPARE(f.machine.currentState()->state_id(), next);
-    QCOMPARE(log.records().size(), 1);
-    static const QRegularExpression line(QStringLiteral("^Transition (\\w+) -> (\\w+) because (.*) # \\d+\\n$"));
-    const QRegularExpressionMatch match = line.match(log.records().first().message);
-    QVERIFY2(match.hasMatch(), qPrintable(log.records().first().message));
-    QCOMPARE(match.captured(1), QString::fromLatin1(kNames[state]));
-    QCOMPARE(match.captured(2), QString::fromLatin1(kNames[next]));
-    QCOMPARE(match.captured(3), reason);
-    QStringList expected{"changed " + QString::fromLatin1(kNames[next])};
-    if (next == S::NoMedia)
-        expected.append("onStop " + QString::fromLatin1(kNames[next]));
-    QCOMPARE(f.owner.calls, expected);
-}
-
-void TestPlaybackMachine::unlistedPairIsRefusedAndLogged_data()
-{
-    QTest::addColumn<int>("state");
-    QTest::addColumn<int>("event");
-    for (int state = 0; state < S::StateCount; ++state)
-        for (int event = 0; event < kEventCount; ++event)
-            if (!listed(state, event))
-                QTest::addRow("%s %s", kNames[state], MediaServerMachineState::eventName(MachineEvent(event))) << state << event;
-}
-
-void TestPlaybackMachine::unlistedPairIsRefusedAndLogged()
-{
-    QFETCH(int, state);
-    QFETCH(int, event);
-    Fixture f;
-    f.putIn(state);
-    LogCapture log;
-    QVERIFY(!f.send(event));
-    QCOMPARE(f.machine.currentState()->state_id(), state);
-    QVERIFY(f.owner.calls.isEmpty());
-    QCOMPARE(log.records().size(), 1);
-    QCOMPARE(log.records().first().message, QStringLiteral("Unhandled %1 in %2\n")
-                                                .arg(QLatin1String(MediaServerMachineState::eventName(MachineEvent(event))),
-                                                     QLatin1String(kNames[state])));
-}
-
-void TestPlaybackMachine::journeysEndWhereTheyMust_data()
-{
-    QTest::addColumn<QStringList>("events");
-    QTest::addColumn<QString>("results");   // one t/f per event: taken or refused
-    QTest::addColumn<int>("end");
-    QTest::newRow("a new item needs a stop while playing")
-        << QStringList{"load", "loadSucceeded", "play", "playSucceeded", "load", "stop", "stopSucceeded", "load"} << "ttttfttt" << int(S::Loading);
-    QTest::newRow("stop is refused in NoMedia") << QStringList{"stop"} << "f" << int(S::NoMedia);
-    QTest::newRow("stop is refused once buffered")
-        << QStringList{"load", "loadSucceeded", "buffer", "bufferingSucceeded", "stop"} << "ttttf" << int(S::Buffered);
-    QTest::newRow("buffered and the engine already plays")
-        << QStringList{"load", "loadSucceeded", "buffer", "bufferingSucceeded", "alreadyPlaying"} << "ttttt" << int(S::Playing);
-    QTest::newRow("error while buffering is a fetch error")
-        << QStringList{"load", "loadSucceeded", "buffer", "error"} << "tttt" << int(S::MediaFetchError);
-    QTest::newRow("error once buffered is a playback error")
-        << QStringList{"load", "loadSucceeded", "buffer", "bufferingSucceeded", "error"} << "ttttt" << int(S::PlaybackError);
-    QTest::newRow("error while trying to play is refused")
-        << QStringList{"load", "loadSucceeded", "play", "error"} << "tttf" << int(S::DoPlay);
-    QTest::newRow("paused seek returns to paused")
-        << QStringList{"load", "loadSucceeded", "pause", "pauseSucceeded", "seek", "seekSucceeded"} << "tttttt" << int(S::Paused);
-    QTest::newRow("stop failing still ends in NoMedia")
-        << QStringList{"load", "stop", "stopFailed"} << "ttt" << int(S::NoMedia);
-    QTest::newRow("nothing takes notPlaying or timeout")
-        << QStringList{"load", "loadSucceeded", "play", "playSucceeded", "notPlaying", "timeout"} << "ttttff" << int(S::Playing);
-    QTest::newRow("a failed fetch can load again")
-        << QStringList{"load", "loadFailed", "load"} << "ttt" << int(S::Loading);
-}
-
-void TestPlaybackMachine::journeysEndWhereTheyMust()
-{
-    QFETCH(QStringList, events);
-    QFETCH(QString, results);
-    QFETCH(int, end);
-    Fixture f;
-    f.putIn(S::NoMedia);
-    QString actual;
-    for (const QString& event : events)
-        actual += f.send(eventIndex(qPrintable(event))) ? QLatin1Char('t') : QLatin1Char('f');
-    QCOMPARE(actual, results);
-    QCOMPARE(f.machine.currentState()->state_id(), end);
-}
-
-void TestPlaybackMachine::traceOffLogsNothingButMovesTheSame()
-{
-    LogCapture log;
-    Fixture f(false);
-    f.machine.goState(f.machine.state(S::NoMedia), QStringLiteral("initializing"));
-    QVERIFY(f.send(eventIndex("load")));
-    QVERIFY(!f.send(eventIndex("play")));
-    QCOMPARE(f.machine.currentState()->state_id(), int(S::Loading));
-    QVERIFY(log.records().isEmpty());
-    QCOMPARE(f.owner.calls.last(), QStringLiteral("changed LoadingState"));
-}
-
-void TestPlaybackMachine::stateTimerDeliversTimeout()
-{
-    Fixture f;
-    f.putIn(S::Playing);
-    LogCapture log;
-    f.machine.stateTimerExpired();
-    QCOMPARE(log.lines(), QStringList{"MediaServerMachineSM(): Unhandled timeout in PlayingState\n"});
-    QCOMPARE(f.machine.currentState()->state_id(), int(S::Playing));
-}
-
-void TestPlaybackMachine::machineStateMapsToPublishedState_data()
-{
-    QTest::addColumn<int>("machineState");
-    QTest::addColumn<int>("published");
-    const MediaServerState expected[] = {NoMedia, Loading, Loaded, TryingToPlay, TryingToPause, Seeking, Seeking, Playing,
-                                         Paused, Buffering, Buffering, Stopping, PlaybackComplete, PlaybackError, MediaFetchError};
-    for (int id = 0; id < S::StateCount; ++id)
-        QTest::addRow("%s", kNames[id]) << id << int(expected[id]);
-}
-
-void TestPlaybackMachine::machineStateMapsToPublishedState()
-{
-    QFETCH(int, machineState);
-    QFETCH(int, published);
-    LogCapture log;
-    QCOMPARE(int(ServerStateRules::machineStateToState(machineState)), published);
-    QVERIFY(log.asserts().isEmpty());
-    QCOMPARE(int(ServerStateRules::machineStateToState(15)), int(NoMedia));
-    QCOMPARE(log.assertMessages(), QStringList{"machineStateToState(): unknown state: 15"});
-    QCOMPARE(log.asserts().first().condition, QStringLiteral("false"));
-}
-
-void TestPlaybackMachine::errorIsChosenByStateAndEngine_data()
-{
-    using namespace ServerStateRules;
-    QTest::addColumn<int>("state");
-    QTest::addColumn<int>("engine");
-    QTest::addColumn<int>("error");
-    QTest::newRow("playback error is recoverable") << int(PlaybackError) << int(EngineError) << int(RecoverablePlaybackError);
-    QTest::newRow("fetch error, engine timed out") << int(MediaFetchError) << int(EngineErrorTimeout) << int(TimeoutFetchError);
-    QTest::newRow("fetch error, engine forbidden") << int(MediaFetchError) << int(EngineErrorForbidden) << int(ForbiddenFetchError);
-    QTest::newRow("fetch error, engine error") << int(MediaFetchError) << int(EngineError) << int(RecoverableFetchError);
-    QTest::newRow("fetch error, engine stopped") << int(MediaFetchError) << int(EngineStopped) << int(RecoverableFetchError);
-    QTest::newRow("playing has no error") << int(Playing) << int(EngineErrorForbidden) << int(NoError);
-    QTest::newRow("buffering has no error") << int(Buffering) << int(EngineErrorTimeout) << int(NoError);
-}
-
-void TestPlaybackMachine::errorIsChosenByStateAndEngine()
-{
-    QFETCH(int, state);
-    QFETCH(int, engine);
-    QFETCH(int, error);
-    QCOMPARE(int(ServerStateRules::errorForState(MediaServerState(state), ServerStateRules::EngineState(engine))), error);
-}
 
 QTEST_GUILESS_MAIN(TestPlaybackMachine)
 #include "tst_playback_machine.moc"

@@ -4,21 +4,26 @@
 #include <QDBusPendingCallWatcher>
 #include <QDBusVariant>
 #include <QDeadlineTimer>
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QRegularExpression>
 #include <QSignalSpy>
+
+#include <csignal>
 
 namespace {
 
 const QString kService = QStringLiteral("com.kelvramotors.MediaServer2");
-const QString kConnectionName = QStringLiteral("server-process");
 // Start-up of the server under the sanitizers on a busy machine.
 const int kStartMs = 30000;
 
 } // namespace
 
-ServerProcess::ServerProcess()
-    : mConnection(QString())
+ServerProcess::ServerProcess(const QString& journalStream)
+    : mJournalStream(journalStream)
+    , mConnectionName(QStringLiteral("server-process-%1").arg(quintptr(this)))
+    , mConnection(QString())
 {
     mProcess.setReadChannel(QProcess::StandardError);
     QObject::connect(&mProcess, &QProcess::readyReadStandardError, [this] { readLog(); });
@@ -33,46 +38,95 @@ ServerProcess::~ServerProcess()
             file.write(mLog);
     }
     mConnection = QDBusConnection(QString());
-    QDBusConnection::disconnectFromBus(kConnectionName);
+    QDBusConnection::disconnectFromBus(mConnectionName);
     if (isRunning()) {
         mProcess.kill();
         mProcess.waitForFinished(5000);
     }
 }
 
-bool ServerProcess::start(const QStringList& settings)
+void ServerProcess::launch(const QStringList& args)
 {
-    if (!mBus.isRunning() || !mHome.isValid())
-        return false;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("XDG_CONFIG_HOME"), mHome.filePath(QStringLiteral("config")));
     env.insert(QStringLiteral("XDG_CACHE_HOME"), mHome.filePath(QStringLiteral("cache")));
-    env.remove(QStringLiteral("JOURNAL_STREAM"));
+    env.remove(QStringLiteral("CACHE_DIRECTORY"));
+    if (mJournalStream.isEmpty())
+        env.remove(QStringLiteral("JOURNAL_STREAM"));
+    else
+        env.insert(QStringLiteral("JOURNAL_STREAM"), mJournalStream);
     mProcess.setProcessEnvironment(env);
-    QStringList args{QStringLiteral("--set"), QStringLiteral("service/bus=") + mBus.address()};
-    for (const QString& setting : settings)
-        args << QStringLiteral("--set") << setting;
     mProcess.start(qEnvironmentVariable("CABIN_BIN_DIR", QCoreApplication::applicationDirPath()) + QStringLiteral("/cabin-media-server"), args);
     mProcess.waitForStarted(kStartMs);
+}
+
+bool ServerProcess::waitUntil(const std::function<bool()>& ready)
+{
     const QDeadlineTimer deadline(kStartMs);
-    while (!mLog.contains("run(): running") && isRunning() && !deadline.hasExpired())
-        mProcess.waitForReadyRead(100);
-    readLog();
-    if (!mLog.contains("run(): running")) {
+    while (!ready() && isRunning() && !deadline.hasExpired())
+        mProcess.waitForFinished(50);
+    return ready();
+}
+
+bool ServerProcess::run(const QStringList& args)
+{
+    launch(args);
+    const bool ended = waitForExit();
+    mOut = QString::fromUtf8(mProcess.readAllStandardOutput());
+    return ended;
+}
+
+bool ServerProcess::start(const QStringList& settings, const QStringList& options)
+{
+    if (busAddress().isEmpty() || !mHome.isValid())
+        return false;
+    QStringList args = options;
+    for (const QString& setting : settings)
+        args << QStringLiteral("--set") << setting;
+    launch(args << QStringLiteral("--set") << QStringLiteral("service/bus=") + busAddress());
+    if (!waitUntil([this] { readLog(); return mLog.contains("run(): running"); })) {
         qWarning("the server did not start (%s, exit status %d): %s", qPrintable(mProcess.errorString()), mProcess.exitCode(),
                  mLog.constData());
         return false;
     }
-    mConnection = QDBusConnection::connectToBus(mBus.address(), kConnectionName);
+    mConnection = QDBusConnection::connectToBus(busAddress(), mConnectionName);
     return mConnection.isConnected();
+}
+
+bool ServerProcess::startWithStreams(const std::function<void()>& arrangeStreams)
+{
+    if (busAddress().isEmpty())
+        return false;
+    mProcess.setChildProcessModifier(arrangeStreams);
+    launch({QStringLiteral("--set"), QStringLiteral("service/bus=") + busAddress()});
+    return waitUntil([this] { return catchesSigterm(); });
+}
+
+// Until exec, the child is a copy of the test, which catches SIGTERM too.
+bool ServerProcess::catchesSigterm() const
+{
+    const QString proc = QStringLiteral("/proc/%1/").arg(mProcess.processId());
+    if (mProcess.processId() == 0 || !QFile::symLinkTarget(proc + QStringLiteral("exe")).endsWith(QLatin1String("/cabin-media-server")))
+        return false;
+    QFile status(proc + QStringLiteral("status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return false;
+    static const QRegularExpression caught(QStringLiteral("^SigCgt:\\s*([0-9a-f]+)$"), QRegularExpression::MultilineOption);
+    const QRegularExpressionMatch match = caught.match(QString::fromLatin1(status.readAll()));
+    return match.hasMatch() && (match.captured(1).toULongLong(nullptr, 16) & (1ULL << (SIGTERM - 1)));
 }
 
 bool ServerProcess::terminate()
 {
     mProcess.terminate();
-    const bool finished = mProcess.waitForFinished(30000);
+    return waitForExit() && mProcess.exitStatus() == QProcess::NormalExit && mProcess.exitCode() == 0;
+}
+
+bool ServerProcess::waitForExit(int timeoutMs)
+{
+    const bool finished = mProcess.waitForFinished(timeoutMs);
     readLog();
-    return finished && mProcess.exitStatus() == QProcess::NormalExit && mProcess.exitCode() == 0;
+    return finished;
 }
 
 void ServerProcess::readLog()
@@ -80,9 +134,27 @@ void ServerProcess::readLog()
     mLog += mProcess.readAllStandardError();
 }
 
-QDBusMessage ServerProcess::request(const QString& method, const QVariantList& args, int timeoutMs)
+QString ServerProcess::busAddress()
 {
-    QDBusMessage message = QDBusMessage::createMethodCall(kService, QStringLiteral("/MediaServer2"), kService, method);
+    if (!mBus)
+        mBus = std::make_unique<PrivateBus>();
+    return mBus->address();
+}
+
+QString ServerProcess::writeFile(const QString& name, const QByteArray& content) const
+{
+    const QString path = mHome.filePath(name);
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    if (file.open(QIODevice::WriteOnly))
+        file.write(content);
+    return path;
+}
+
+QDBusMessage ServerProcess::call(const QString& path, const QString& interface, const QString& method, const QVariantList& args,
+                                 int timeoutMs)
+{
+    QDBusMessage message = QDBusMessage::createMethodCall(kService, path, interface, method);
     message.setArguments(args);
     QDBusPendingCallWatcher watcher(mConnection.asyncCall(message, timeoutMs));
     QSignalSpy finished(&watcher, &QDBusPendingCallWatcher::finished);
@@ -91,12 +163,14 @@ QDBusMessage ServerProcess::request(const QString& method, const QVariantList& a
     return watcher.reply();
 }
 
+QDBusMessage ServerProcess::request(const QString& method, const QVariantList& args, int timeoutMs)
+{
+    return call(QStringLiteral("/MediaServer2"), kService, method, args, timeoutMs);
+}
+
 QVariantList ServerProcess::value(const QString& name)
 {
-    QDBusMessage message = QDBusMessage::createMethodCall(kService, QStringLiteral("/DataValues"),
-                                                          QStringLiteral("com.kelvramotors.DataValues"), QStringLiteral("Get"));
-    message.setArguments({name});
-    const QDBusMessage reply = mConnection.call(message, QDBus::Block, 10000);
+    const QDBusMessage reply = call(QStringLiteral("/DataValues"), QStringLiteral("com.kelvramotors.DataValues"), QStringLiteral("Get"), {name});
     if (reply.type() != QDBusMessage::ReplyMessage)
         return {reply.errorName()};
     return {reply.arguments().value(0), reply.arguments().value(1).value<QDBusVariant>().variant()};

@@ -8,29 +8,50 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
-// The real cabin-media-server on a private bus of its own, with settings and caches in a
-// temporary home, and a D-Bus connection to it: requests to its MediaServer2 object, reads of
-// its data values, and its log as it is written.
+#include <functional>
+#include <memory>
+
+// The real cabin-media-server with settings and caches in a temporary home: run to its end for
+// the options that print and exit, or started on a private bus of its own with a D-Bus
+// connection to it (requests to its MediaServer2 object, reads of its data values) and its log
+// as it is written.
 //
-// Thread: the test's main thread. Owns the bus, the process and the home folder; the process is
-// killed if still running when the object goes. With CABIN_SERVER_LOG set, the server's whole
-// log is written to that file at the end.
+// Thread: the test's main thread. Owns the bus (started only when the server is), the process
+// and the home folder; the process is killed if still running when the object goes. With
+// CABIN_SERVER_LOG set, the server's whole log is written to that file at the end.
 class ServerProcess
 {
 public:
-    ServerProcess();
+    // A non-empty journalStream makes the server believe systemd's journal reads its log.
+    explicit ServerProcess(const QString& journalStream = QString());
     ~ServerProcess();
 
-    // Starts the server with `--set` overrides ("key=value") and waits until it serves.
-    bool start(const QStringList& settings);
+    // Runs the server with `args` and no bus until it ends; its standard output lands in out().
+    bool run(const QStringList& args);
+    // Starts the server on its bus with `--set` overrides ("key=value") and other `options`, and
+    // waits until it serves.
+    bool start(const QStringList& settings = {}, const QStringList& options = {});
+    // Starts the server on its bus with `arrangeStreams` run in the child before exec, and waits
+    // until SIGTERM would reach its handler: the log cannot tell, stderr may be taken away.
+    bool startWithStreams(const std::function<void()>& arrangeStreams);
     // SIGTERM, then waits for the exit; true when it exited normally with status 0.
     bool terminate();
+    // Waits for the process to end by itself; true when it did.
+    bool waitForExit(int timeoutMs = 30000);
+    // The bus daemon goes away under the server.
+    void stopBus() { mBus.reset(); }
     bool isRunning() const { return mProcess.state() == QProcess::Running; }
+    QProcess& process() { return mProcess; }
+    QString out() const { return mOut; }
 
-    // Calls a MediaServer2 method without blocking the caller's event loop (a loopback media
-    // server in the test process keeps serving); the reply, an error, or NoReply after timeoutMs.
+    // A method call on the server's bus without blocking the caller's event loop (a loopback
+    // media server in the test process keeps serving); the reply, an error, or NoReply after
+    // timeoutMs.
+    QDBusMessage call(const QString& path, const QString& interface, const QString& method, const QVariantList& args = {},
+                      int timeoutMs = 10000);
+    // A MediaServer2 request.
     QDBusMessage request(const QString& method, const QVariantList& args = {}, int timeoutMs = 10000);
-    // The value's (valid, value) as the server publishes it.
+    // The value's (valid, value) as the server publishes it, or (error name) when Get is refused.
     QVariantList value(const QString& name);
     // MEDIA2_serverState as "State, Error" names read from the log's last change; empty before.
     QString publishedPair() const;
@@ -40,18 +61,28 @@ public:
     QStringList logLines() const;
     int logLineCount() const { return int(logLines().size()); }
     bool logHas(const QString& fragment, int from = 0) const;
+
     QString home() const { return mHome.path(); }
+    QString cacheRoot() const { return mHome.filePath(QStringLiteral("cache/CabinMediaServer2")); }
+    // Writes `content` to `name` under the home folder; its path.
+    QString writeFile(const QString& name, const QByteArray& content) const;
+    // The server's bus, started on first use; empty when the daemon did not start.
+    QString busAddress();
     // The test's connection to the server's bus, for signals and other objects.
     QDBusConnection connection() const { return mConnection; }
-    // The bus's address, for tools run against the server (DBUS_SESSION_BUS_ADDRESS).
-    QString busAddress() const { return mBus.address(); }
 
 private:
+    void launch(const QStringList& args);
+    bool waitUntil(const std::function<bool()>& ready);
+    bool catchesSigterm() const;
     void readLog();
 
-    PrivateBus mBus;
     QTemporaryDir mHome;
+    const QString mJournalStream;
+    std::unique_ptr<PrivateBus> mBus;
     QProcess mProcess;
     QByteArray mLog;
+    QString mOut;
+    const QString mConnectionName;
     QDBusConnection mConnection;
 };
