@@ -1,9 +1,6 @@
 #include "media_server/MediaPlaybackMetadata.h"
 
-#include <QScopeGuard>
-#include <QSignalSpy>
 #include <QTest>
-#include <QThread>
 
 using MediaV2::MediaPlaybackMetadata;
 
@@ -37,16 +34,6 @@ MediaPlaybackMetadata fullRecord()
 }
 
 } // namespace
-
-// Stands in for a playback object on another thread: takes a record and hands it straight back.
-class MetadataEcho : public QObject
-{
-    Q_OBJECT
-public slots:
-    void take(const MediaV2::MediaPlaybackMetadata& metadata) { emit taken(metadata); }
-signals:
-    void taken(const MediaV2::MediaPlaybackMetadata& metadata);
-};
 
 class TestMediaPlaybackMetadata : public QObject
 {
@@ -118,27 +105,6 @@ private slots:
         wide.startPosition = 5000000000LL;
         QVERIFY2(wide.toJSON().contains(QLatin1String(R"("startposition":5000000000,)")), qPrintable(wide.toJSON()));
         QCOMPARE(fields(MediaPlaybackMetadata(fullRecord().toJSON())), fields(fullRecord()));
-    }
-
-    // The echo lives on its own thread, so the record is copied into a queued call there and into
-    // a queued signal back to this thread, as between the playback objects.
-    void travelsThroughQueuedCall()
-    {
-        qRegisterMetaType<MediaPlaybackMetadata>();
-        MediaPlaybackMetadata record = fullRecord();
-        record.startPosition = 5000000000LL;
-        MetadataEcho remote;   // declared first so that the thread has stopped when it is destroyed
-        QThread worker;
-        remote.moveToThread(&worker);
-        worker.start();
-        const auto stop = qScopeGuard([&worker] { worker.quit(); worker.wait(); });
-        MetadataEcho local;
-        connect(&remote, &MetadataEcho::taken, &local, &MetadataEcho::take, Qt::QueuedConnection);
-        QSignalSpy returned(&local, &MetadataEcho::taken);
-        QVERIFY(QMetaObject::invokeMethod(&remote, "take", Qt::QueuedConnection, Q_ARG(MediaV2::MediaPlaybackMetadata, record)));
-        QVERIFY(returned.wait());
-        QCOMPARE(returned.size(), 1);
-        QCOMPARE(fields(returned.first().first().value<MediaPlaybackMetadata>()), fields(record));
     }
 };
 

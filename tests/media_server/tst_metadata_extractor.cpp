@@ -48,8 +48,8 @@ private slots:
         const QByteArray a(8, 'a'), b(8, 'b');
         const QByteArray title = block("StreamTitle='Test';");
         const QByteArray stream = a + title + b;
-        QTest::newRow("a first chunk of one interval passes whole, the next starts with the length byte")
-            << 16000 << QByteArrayList{QByteArray(16000, 'a'), title + b} << QByteArray(16000, 'a') + b << QStringList{"StreamTitle=Test"};
+        // A chunk cut right before a length byte is the random test's; its short blocks are
+        // seldom cut inside, so that case stays here.
         QTest::newRow("a block split across two chunks") << 8 << QByteArrayList{stream.left(20), stream.mid(20)} << a + b << QStringList{"StreamTitle=Test"};
         QTest::newRow("the length byte last in its chunk") << 8 << QByteArrayList{stream.left(9), stream.mid(9)} << a + b << QStringList{"StreamTitle=Test"};
         QTest::newRow("a length byte of 0 is one byte and no block") << 8 << QByteArrayList{a + char(0) + b} << a + b << QStringList{};
@@ -170,14 +170,6 @@ private slots:
         QByteArray chunk = QByteArray(8, 'a') + char(0) + QByteArray(8, 'b');
         extractor.extract(chunk);
         QVERIFY(chunk == QByteArray(8, 'a') + QByteArray(8, 'b'));   // the old interval still holds
-    }
-
-    void selfTestPasses()
-    {
-        LogCapture log;
-        QVERIFY(MetadataExtractor::test());
-        QVERIFY(log.hasLineContaining(QStringLiteral("done")));
-        QVERIFY(log.assertMessages().isEmpty());
     }
 };
 

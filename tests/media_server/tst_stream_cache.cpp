@@ -446,14 +446,6 @@ private slots:
         QVERIFY(!QFile::exists(dbFile() + QStringLiteral("-wal")));
         QVERIFY(!run.find(QStringLiteral("song")).inCache);
     }
-
-    void initOnTheMainThreadIsReported()
-    {
-        StreamCache cache(100, 100);
-        cache.init();
-        QCOMPARE(mLog.assertMessages().size(), 1);
-        cache.close();
-    }
 };
 
 QTEST_GUILESS_MAIN(TestStreamCache)
