@@ -1,8 +1,8 @@
 // The source-selection wrapper with the real engine (to a silent sink or a WAV file), the
 // loopback server, real disk buffers and a real stream cache in a temporary folder: which source
 // each item gets, a growing file played whole through underruns, the resume rules, the cache
-// hit and its counting rule, and the tear-down of an item's downloads. How a failed download
-// ends the item is met in the server suite.
+// hit and its counting rule, how a failed download ends the item, and the tear-down of an
+// item's downloads.
 
 #include "media_server/CachingGStreamerWrapper.h"
 #include "media_server/MediaServerDataValues.h"
@@ -163,6 +163,35 @@ private slots:
     // real time, or stops for 6 s, or from a start position not downloaded yet: every second from
     // the start position on, once and in order; paused before the download ran dry (or held at the
     // start position) and resumed by itself; no early end.
+    // A failed fetch ends in the engine state that says why: the server suite sees only the
+    // forbidden case on the whole binary.
+    void failedDownloadStopsTheEngine_data()
+    {
+        QTest::addColumn<int>("status");
+        QTest::addColumn<qint64>("stallAfter");
+        QTest::addColumn<int>("engineState");
+        QTest::newRow("not found") << 404 << qint64(-1) << int(GStreamerPlayer::Error);
+        QTest::newRow("forbidden") << 403 << qint64(-1) << int(GStreamerPlayer::ErrorForbidden);
+        QTest::newRow("silent server: time-out") << 200 << qint64(2000) << int(GStreamerPlayer::ErrorTimeout);
+    }
+
+    void failedDownloadStopsTheEngine()
+    {
+        QFETCH(int, status);
+        QFETCH(qint64, stallAfter);
+        QFETCH(int, engineState);
+        TestHttpResource refused;
+        refused.status = status;
+        refused.body = contentsOf(mMp3);
+        refused.stallAfter = stallAfter;
+        const QString path = QStringLiteral("/refused-%1-%2").arg(status).arg(stallAfter);
+        mServer.setResource(path, refused);
+        setConfig("media_buffer/download_retries", 0);
+        setConfig("media_buffer/download_timeout", 500);
+        QVERIFY(mWrapper->setMedia(item(path, path), MediaPlaybackMetadata()));
+        QTRY_COMPARE_WITH_TIMEOUT(int(mWrapper->getState()), engineState, kWaitMs);
+    }
+
     void playsAGrowingFileWhole_data()
     {
         QTest::addColumn<qint64>("bytesPerSecond");

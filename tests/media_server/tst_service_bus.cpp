@@ -357,6 +357,30 @@ private slots:
         QCOMPARE(seen, error.isEmpty() ? accepted : accepted.mid(1));
     }
 
+    // Calls to the service count as its own traffic (category -1): the arguments as received,
+    // the answer as sent. Reading a status message is not counted, or the statistics would
+    // report their own sending. PublishAll sends every message again, also one that otherwise
+    // goes out on change only.
+    void countsServiceTrafficAndRepublishes()
+    {
+        const auto asMap = [](const QVariant& v) { return v.canConvert<QDBusArgument>() ? qdbus_cast<QVariantMap>(v) : v.toMap(); };
+        const auto counts = [&] {
+            const QVariantMap stats = asMap(mServer.value("MEDIA2_connNetStats").value(1));
+            const QVariantMap service = asMap(asMap(stats.value("categories")).value("-1"));
+            return qMakePair(service.value("received").toULongLong(), service.value("sent").toULongLong());
+        };
+        const auto before = counts();
+        QCOMPARE(mServer.request("play", {5000}).arguments().value(0), QVariant(false));   // nothing loaded
+        const auto afterPlay = counts();
+        QCOMPARE(afterPlay.first, before.first + quint64(strlen("milliSecondsStartPos") + 4));
+        QCOMPARE(afterPlay.second, before.second + 4);   // the boolean answer
+        mHeard.clear();
+        QVERIFY(mServer.call(kServer, kPublisherIf, "Assemble", {QStringLiteral("MediaServer2Info")}).type() == QDBusMessage::ReplyMessage);
+        QVERIFY(mServer.call(kServer, kPublisherIf, "PublishAll").type() == QDBusMessage::ReplyMessage);
+        QTRY_VERIFY(std::any_of(mHeard.cbegin(), mHeard.cend(), [](const auto& m) { return m.first == QLatin1String("MediaServer2PlaybackStatus"); }));
+        QCOMPARE(counts(), afterPlay);
+    }
+
     // Playing a custom file changes the info (the custom-media flag) and the position; subscribers
     // hear each change as a Message signal without asking, and every body decodes.
     void subscribersHearChanges()
