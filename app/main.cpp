@@ -18,6 +18,7 @@
 #include "platform/net/NetDownloader.h"
 #include "platform/net/URLResolver.h"
 #include "platform/service/ServiceManager.h"
+#include "platform/service/SystemdNotifier.h"
 #include "vehicle/VehicleDataValues.h"
 
 #include <QCoreApplication>
@@ -106,8 +107,13 @@ int run(int argc, char** argv)
         return 1;
     }
     std::unique_ptr<MprisBridge> mpris = startMpris();
+    // Ready once the names are owned and the player exists; systemd then shows the state.
+    SystemdNotifier systemd;
+    systemd.followStatus(&MEDIA2_serverState, QStringLiteral("state "));
+    systemd.ready(QStringLiteral("state ") + MEDIA2_serverState.toString());
     LOG_INFO << "running";
     const int status = app.exec();                                            // 13
+    systemd.stopping();
     mpris.reset();
     shutDown();
     return status;

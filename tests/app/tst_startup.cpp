@@ -221,12 +221,7 @@ private slots:
         // The shipped system-bus policy lets only the service's own user own the name; the test
         // runs as another user.
         const QString policy = qEnvironmentVariable("CABIN_SOURCE_DIR") + QStringLiteral("/data/dbus/com.kelvramotors.MediaServer2.conf");
-        PrivateBus systemBus(first.writeFile(QStringLiteral("bus.conf"), QStringLiteral(
-            "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN\"\n"
-            " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-            "<busconfig><type>system</type><listen>unix:tmpdir=/tmp</listen><auth>EXTERNAL</auth>\n"
-            "<policy context=\"default\"><allow user=\"*\"/><allow own=\"*\"/><allow send_destination=\"*\"/>"
-            "<allow receive_sender=\"*\"/></policy>\n<include>%1</include></busconfig>\n").arg(policy).toUtf8()));
+        PrivateBus systemBus(first.writeFile(QStringLiteral("bus.conf"), PrivateBus::systemConfigWith(policy)));
         QVERIFY(systemBus.isRunning());
         const QString name = QStringLiteral("the bus name com.kelvramotors.MediaServer2");
         const QString address = first.busAddress();

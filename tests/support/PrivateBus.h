@@ -13,6 +13,9 @@ public:
     // With a config file the daemon runs that configuration (it must listen on a unix tmpdir);
     // without one it is a plain session bus.
     explicit PrivateBus(const QString& configFile = QString());
+    // A system bus's configuration that allows everything but what `policyFile` (included)
+    // denies, for testing a shipped bus policy.
+    static QByteArray systemConfigWith(const QString& policyFile);
     ~PrivateBus();
 
     bool isRunning() const { return !mAddress.isEmpty(); }

@@ -51,6 +51,9 @@ void ServerProcess::launch(const QStringList& args)
     env.insert(QStringLiteral("XDG_CONFIG_HOME"), mHome.filePath(QStringLiteral("config")));
     env.insert(QStringLiteral("XDG_CACHE_HOME"), mHome.filePath(QStringLiteral("cache")));
     env.remove(QStringLiteral("CACHE_DIRECTORY"));
+    env.remove(QStringLiteral("NOTIFY_SOCKET"));
+    env.remove(QStringLiteral("WATCHDOG_USEC"));
+    env.insert(mExtraEnvironment);
     if (mJournalStream.isEmpty())
         env.remove(QStringLiteral("JOURNAL_STREAM"));
     else
@@ -137,7 +140,7 @@ void ServerProcess::readLog()
 QString ServerProcess::busAddress()
 {
     if (!mBus)
-        mBus = std::make_unique<PrivateBus>();
+        mBus = std::make_unique<PrivateBus>(mBusConfig);
     return mBus->address();
 }
 

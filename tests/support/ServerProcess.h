@@ -38,6 +38,11 @@ public:
     bool terminate();
     // Waits for the process to end by itself; true when it did.
     bool waitForExit(int timeoutMs = 30000);
+    // Sets a variable in the server's environment for the next start (the test's own
+    // NOTIFY_SOCKET and WATCHDOG_USEC never reach it).
+    void setEnvironment(const QString& name, const QString& value) { mExtraEnvironment.insert(name, value); }
+    // The server's bus runs this dbus-daemon configuration (set before the first start).
+    void setBusConfig(const QString& file) { mBusConfig = file; }
     // The bus daemon goes away under the server.
     void stopBus() { mBus.reset(); }
     bool isRunning() const { return mProcess.state() == QProcess::Running; }
@@ -84,5 +89,7 @@ private:
     QByteArray mLog;
     QString mOut;
     const QString mConnectionName;
+    QProcessEnvironment mExtraEnvironment;
+    QString mBusConfig;
     QDBusConnection mConnection;
 };
