@@ -68,7 +68,7 @@ GStreamerPlayer::GStreamerPlayer(QObject* parent)
         gst_debug_add_log_function(&LogFunction, nullptr, nullptr);
         gst_debug_set_active(TRUE);
     }
-    mLevel = qBound(0.0, sVolume.value(), 1.0);
+    mLevel = qBound(0.0, sVolume.value(), kMaxLevel);
     if (!buildPipeline())
         return;
     setVolume(mLevel);
@@ -461,7 +461,7 @@ void GStreamerPlayer::unmute()
 
 void GStreamerPlayer::setLevel(double level)
 {
-    mLevel = qBound(0.0, level, 1.0);
+    mLevel = qBound(0.0, level, kMaxLevel);
     if (mPendingSeek == 0)   // muted for a start seek: the level is heard once it is done
         setVolume(mLevel);
 }

@@ -42,8 +42,10 @@ public:
     bool pause(bool startedBuffering);
     bool stop(bool error, State errorState);
     bool seek(qint64 msPos);
+    // The volume element takes no more; beyond 1.0 it amplifies (and may clip).
+    static constexpr double kMaxLevel = 10.0;
     // The listener's volume (0.0 silent, 1.0 as mastered), kept across items and across a
-    // mute; it starts at "gstreamer/volume". Values outside 0..1 are clamped.
+    // mute; it starts at "gstreamer/volume". Values outside 0..kMaxLevel are clamped.
     void setLevel(double level);
     double level() const { return mLevel; }
     // Silences the item without forgetting the level (a pending start seek), and back to it.

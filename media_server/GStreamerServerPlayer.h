@@ -54,7 +54,7 @@ public:
     // neither knows.
     const MediaPlaybackMetadata& currentItem() const { return mPlayer.currentMetadata(); }
     qint64 currentDurationMs() const;
-    // The listener's volume, 0.0 to 1.0, kept across items.
+    // The listener's volume (1.0 as mastered), kept across items.
     double volume() const;
     void setVolume(double volume);
 
