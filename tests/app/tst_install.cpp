@@ -39,6 +39,9 @@ private slots:
                "share/doc/cabin-media-server/README.md\n";
         QTest::newRow("every program and library finds its libraries")
             << "ldd bin/* lib/cabin-media-server/* | awk '/not found/'" << "";
+        QTest::newRow("the unit starts the installed server")
+            << "grep '^ExecStart=' lib/systemd/system/cabin-media-server.service | cut -d' ' -f1"
+            << "ExecStart=" + mPrefix.path() + "/bin/cabin-media-server\n";
         QTest::newRow("server runs") << "bin/cabin-media-server --version" << "cabin-media-server 0.1.0\n";
         QTest::newRow("client runs") << "bin/cabin-mediactl --help | sed -n 1p"
                                      << "Usage: cabin-mediactl [--bus ADDRESS] SUBCOMMAND [ARGS]\n";
