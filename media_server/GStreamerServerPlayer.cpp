@@ -121,7 +121,8 @@ void GStreamerServerPlayer::playHeldRequest()
     const qint64 pos = mPlayWhenLoaded;
     mPlayWhenLoaded = -1;
     LOG_INFO << "item loaded, playing from " << pos;
-    play(pos);
+    if (!startPlaying(pos))
+        LOG_WARN << "the play held while the item loaded failed";
 }
 
 void GStreamerServerPlayer::onStop()
@@ -159,17 +160,23 @@ void GStreamerServerPlayer::play(qint64 milliSecondsPos)
         emit playComplete(true);
         return;
     }
+    emit playComplete(startPlaying(milliSecondsPos));
+}
+
+// Answers nothing: play() answers a request, and a held play was answered when it was held.
+bool GStreamerServerPlayer::startPlaying(qint64 milliSecondsPos)
+{
     LOG_INFO << "playing";
     state()->play();
     if (mPlayer.isPlaying()) {
-        emit playComplete(true);
         state()->playSucceeded();
-    } else if (!mPlayer.play(startFrom(milliSecondsPos))) {
-        emit playComplete(false);
-        state()->playFailed();
-    } else {
-        emit playComplete(true);   // the engine's Playing state sends playSucceeded
+        return true;
     }
+    if (!mPlayer.play(startFrom(milliSecondsPos))) {
+        state()->playFailed();
+        return false;
+    }
+    return true;   // the engine's Playing state sends playSucceeded
 }
 
 void GStreamerServerPlayer::pause()

@@ -95,6 +95,7 @@ public slots:
 private:
     void internalStop(const MediaPlaybackMetadata& item);
     qint64 startFrom(qint64 requestedMs);
+    bool startPlaying(qint64 milliSecondsPos);
     void playHeldRequest();
     void connectWrapper();
     MediaServerMachineState* state() const;

@@ -5,6 +5,7 @@
 // item's downloads.
 
 #include "media_server/CachingGStreamerWrapper.h"
+#include "media_server/GStreamerServerPlayer.h"
 #include "media_server/MediaServerDataValues.h"
 #include "media_server/StreamCache.h"
 #include "media_server/StreamCacheLocation.h"
@@ -23,6 +24,7 @@
 
 using MediaV2::CachingGStreamerWrapper;
 using MediaV2::GStreamerPlayer;
+using MediaV2::GStreamerServerPlayer;
 using MediaV2::MediaPlaybackMetadata;
 using MediaV2::StreamingMediaBuffer;
 
@@ -354,6 +356,27 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(closed.contains(QList<QVariant>{slow}), kWaitMs);
         QTRY_VERIFY_WITH_TIMEOUT(!download, kWaitMs);
         QVERIFY(!mWrapper->mediaBuffer() && !mWrapper->preloader());
+    }
+
+    // The server player: a play asked for while the item loads is answered at once and carried
+    // out once it has loaded, without a second answer, which a later request would take for its
+    // own.
+    void heldPlayIsAnsweredOnce()
+    {
+        mWrapper.reset();   // one engine and one cache thread at a time
+        serve(QStringLiteral("/held.mp3"), mMp3, 16000);   // three seconds of loading
+        GStreamerServerPlayer player;
+        QSignalSpy answers(&player, &GStreamerServerPlayer::playComplete);
+        MediaPlaybackMetadata held = item(QStringLiteral("/held.mp3"), QStringLiteral("held"));
+        held.valid = true;
+        player.loadMedia(held, MediaPlaybackMetadata());
+        QTRY_COMPARE_WITH_TIMEOUT(player.currentState(), MediaV2::Loading, kWaitMs);
+        player.play(0);
+        QCOMPARE(answers.count(), 1);
+        QTRY_COMPARE_WITH_TIMEOUT(player.currentState(), MediaV2::Playing, kWaitMs);
+        QCOMPARE(answers.count(), 1);
+        QCOMPARE(answers.first().value(0), QVariant(true));
+        player.stop();
     }
 };
 
