@@ -3,8 +3,6 @@
 #include "platform/log/LogLine.h"
 #include "platform/net/NetDownloader.h"
 
-#include <QRegularExpression>
-
 #include <curl/curl.h>
 
 URLResolver::URLResolver(const QString& url, QObject* parent)
@@ -18,20 +16,10 @@ void URLResolver::init()
     curl_global_init(CURL_GLOBAL_DEFAULT);
 }
 
-URLResolver::Kind URLResolver::kindOf(const QUrl& url)
-{
-    const QString path = url.path().toLower();
-    if (path.endsWith(QLatin1String(".pls")))
-        return Pls;
-    if (path.endsWith(QLatin1String(".m3u")) || path.endsWith(QLatin1String(".m3u8")))
-        return M3u;
-    return NotAPlaylist;
-}
-
 void URLResolver::resolve()
 {
-    mKind = kindOf(QUrl(mRequested));
-    if (mKind == NotAPlaylist) {
+    mKind = PlaylistParser::kindOf(QUrl(mRequested));
+    if (mKind == PlaylistParser::NotAPlaylist) {
         QMetaObject::invokeMethod(this, [this] { answer(mRequested); }, Qt::QueuedConnection);
         return;
     }
@@ -71,7 +59,7 @@ QString URLResolver::streamOrRequested() const
         LOG_INFO << "playlist " << mRequested << " is HLS; the player fetches it itself";
         return mRequested;
     }
-    const QString entry = firstEntry();
+    const QString entry = PlaylistParser::firstEntry(mPlaylist, mKind);
     if (entry.isEmpty()) {
         LOG_WARN << "playlist " << mRequested << " lists no stream; playing the URL itself";
         return mRequested;
@@ -82,29 +70,6 @@ QString URLResolver::streamOrRequested() const
         return mRequested;
     }
     return stream.toString();
-}
-
-// PLS: the FileN entry with the lowest N. M3U: the first line that is not a comment.
-QString URLResolver::firstEntry() const
-{
-    const QStringList lines = QString::fromUtf8(mPlaylist).split(QRegularExpression(QStringLiteral("[\r\n]+")), Qt::SkipEmptyParts);
-    static const QRegularExpression plsEntry(QStringLiteral("^\\s*File(\\d+)\\s*=\\s*(.+)$"), QRegularExpression::CaseInsensitiveOption);
-    int lowest = -1;
-    QString entry;
-    for (const QString& raw : lines) {
-        const QString line = raw.trimmed();
-        if (mKind == M3u) {
-            if (!line.startsWith(QLatin1Char('#')))
-                return line;
-            continue;
-        }
-        const QRegularExpressionMatch match = plsEntry.match(line);
-        if (match.hasMatch() && (lowest < 0 || match.captured(1).toInt() < lowest)) {
-            lowest = match.captured(1).toInt();
-            entry = match.captured(2).trimmed();
-        }
-    }
-    return entry;
 }
 
 void URLResolver::answer(const QString& resolved)

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/net/PlaylistParser.h"
+
 #include <QObject>
 #include <QString>
 #include <QUrl>
@@ -39,9 +41,6 @@ private slots:
     void fetched();
 
 private:
-    enum Kind { NotAPlaylist, Pls, M3u };
-    static Kind kindOf(const QUrl& url);
-    QString firstEntry() const;
     QString streamOrRequested() const;
     void answer(const QString& resolved);
 
@@ -49,7 +48,7 @@ private:
     static constexpr int kMaxPlaylistBytes = 64 * 1024;
 
     const QString mRequested;
-    Kind mKind = NotAPlaylist;
+    PlaylistParser::Kind mKind = PlaylistParser::NotAPlaylist;
     QByteArray mPlaylist;
     NetDownloader* mDownloader = nullptr;
     bool mAnswered = false;

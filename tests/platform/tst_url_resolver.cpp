@@ -29,6 +29,11 @@ private slots:
             << "http://a.example/live" << "" << "";
         QTest::newRow("extended m3u skips its comments") << "/radio.m3u8"
             << QByteArray("#EXTM3U\r\n#EXTINF:-1,Station\r\nhttp://a.example/x.mp3\r\n") << 200 << "http://a.example/x.mp3" << "" << "";
+        QTest::newRow("m3u skips a line of spaces") << "/spaces.m3u" << QByteArray(" \nhttp://a.example/live\n") << 200
+            << "http://a.example/live" << "" << "";
+        QTest::newRow("pls number too long for an int is not the lowest") << "/long.pls"
+            << QByteArray("[playlist]\nFile8577777777=http://b.example/big\nFile10=http://a.example/10\n") << 200
+            << "http://a.example/10" << "" << "";
         QTest::newRow("relative entry is resolved") << "/lists/radio.m3u" << QByteArray("stream/live.mp3\n") << 200
             << "/lists/stream/live.mp3" << "" << "";
         QTest::newRow("empty playlist") << "/empty.pls" << QByteArray("[playlist]\nNumberOfEntries=0\n") << 200 << ""
