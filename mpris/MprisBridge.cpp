@@ -88,7 +88,8 @@ QVariantMap MprisBridge::playerProperties() const
     const MediaV2::MediaPlaybackMetadata& item = player()->currentItem();
     const QDBusObjectPath track = mTrackNumber > 0 ? MprisProperties::trackId(mTrackNumber) : MprisProperties::noTrack();
     const QString title = MEDIA2_nowPlayingTitle.isValid() ? MEDIA2_nowPlayingTitle.value() : QString();
-    return {{QStringLiteral("PlaybackStatus"), MprisProperties::playbackStatus(current)},
+    const QString before = mSentProperties.value(QStringLiteral("PlaybackStatus"), QStringLiteral("Stopped")).toString();
+    return {{QStringLiteral("PlaybackStatus"), MprisProperties::playbackStatus(current, before)},
             {QStringLiteral("Metadata"), mTrackNumber > 0 ? MprisProperties::metadata(track, item.url, title, player()->currentDurationMs())
                                                           : MprisProperties::metadata(track, QString(), QString(), -1)},
             {QStringLiteral("Volume"), volume()},

@@ -14,11 +14,15 @@ QDBusObjectPath trackId(quint64 number)
     return QDBusObjectPath(QStringLiteral("/com/kelvramotors/MediaServer2/Track/%1").arg(number));
 }
 
-QString playbackStatus(MediaV2::MediaServerState state)
+QString playbackStatus(MediaV2::MediaServerState state, const QString& before)
 {
     switch (state) {
-    case Playing: return QStringLiteral("Playing");
+    case TryingToPlay:
+    case Playing:
+    case Buffering: return QStringLiteral("Playing");
+    case TryingToPause:
     case Paused: return QStringLiteral("Paused");
+    case Seeking: return before;
     default: return QStringLiteral("Stopped");
     }
 }

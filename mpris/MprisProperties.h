@@ -18,8 +18,10 @@ QDBusObjectPath noTrack();
 // The id of the n-th item loaded since start; a new load is a new track even for the same URL.
 QDBusObjectPath trackId(quint64 number);
 
-// "Playing", "Paused", or "Stopped" for every other state.
-QString playbackStatus(MediaV2::MediaServerState state);
+// "Playing" while the item plays or is on its way to it (trying to play, buffering), "Paused"
+// while it is paused or pausing, the status it had (`before`) while it seeks, and "Stopped" for
+// every other state: a desktop shows a play that stops for a moment to buffer as playing.
+QString playbackStatus(MediaV2::MediaServerState state, const QString& before);
 // An item is ready to be played, paused or sought in these states; not while it loads, nor
 // once it has ended, failed or been stopped.
 bool itemLoaded(MediaV2::MediaServerState state);

@@ -1,3 +1,4 @@
+#include "mpris/MprisProperties.h"
 #include "tests/support/ServerProcess.h"
 #include "tests/support/SteppedTone.h"
 #include "tests/support/TestHttpServer.h"
@@ -38,6 +39,8 @@ public slots:
 
 private slots:
     void initTestCase();
+    void statusFollowsWhatTheListenerHears_data();
+    void statusFollowsWhatTheListenerHears();
     void playerctlDrivesThePlayer_data();
     void playerctlDrivesThePlayer();
     void liveItemShowsItsTitleAndCannotSeek();
@@ -112,6 +115,27 @@ bool TestMpris::sawChange(const QString& property, const QVariant& value) const
             return true;
     }
     return false;
+}
+
+// A moment of buffering or a seek does not flash "Stopped" on a desktop's controls.
+void TestMpris::statusFollowsWhatTheListenerHears_data()
+{
+    QTest::addColumn<int>("state");
+    QTest::addColumn<QString>("before");
+    QTest::addColumn<QString>("status");
+    QTest::newRow("buffering while playing") << int(MediaV2::Buffering) << "Playing" << "Playing";
+    QTest::newRow("on the way to playing") << int(MediaV2::TryingToPlay) << "Stopped" << "Playing";
+    QTest::newRow("pausing") << int(MediaV2::TryingToPause) << "Playing" << "Paused";
+    QTest::newRow("seeking while paused") << int(MediaV2::Seeking) << "Paused" << "Paused";
+    QTest::newRow("loading") << int(MediaV2::Loading) << "Playing" << "Stopped";
+}
+
+void TestMpris::statusFollowsWhatTheListenerHears()
+{
+    QFETCH(int, state);
+    QFETCH(QString, before);
+    QFETCH(QString, status);
+    QCOMPARE(MprisProperties::playbackStatus(MediaV2::MediaServerState(state), before), status);
 }
 
 void TestMpris::playerctlDrivesThePlayer_data()
