@@ -8,6 +8,8 @@
 #include "media_server/MediaServerDataValues.h"
 #include "mpris/MprisBridge.h"
 #include "platform/core/Finalizer.h"
+#include "platform/core/HeapTrimmer.h"
+#include "platform/core/HeapTuning.h"
 #include "platform/core/ProcessExit.h"
 #include "platform/core/RuntimeEnv.h"
 #include "platform/core/SignalHandlers.h"
@@ -111,6 +113,8 @@ int run(int argc, char** argv)
     SystemdNotifier systemd;
     systemd.followStatus(&MEDIA2_serverState, QStringLiteral("state "));
     systemd.ready(QStringLiteral("state ") + MEDIA2_serverState.toString());
+    HeapTrimmer heapTrimmer;
+    heapTrimmer.start();
     LOG_INFO << "running";
     const int status = app.exec();                                            // 13
     systemd.stopping();
@@ -123,6 +127,7 @@ int run(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    tuneHeapForLongRuns();
     openMissingStandardStreams();
     CommandLine commandLine;
     switch (commandLine.parse(argc, argv)) {
