@@ -61,11 +61,9 @@ const ServiceArgument* declaredArgument(const ServiceMethod& method, const QStri
 }
 
 // Read entry by entry from the message, so that a refused map is never built in memory.
-bool fromNamedForm(const QDBusMessage& message, const ServiceMethod& method, QVariantMap* arguments, QString* error)
+bool readNamedEntries(const QDBusArgument& named, const ServiceMethod& method, QVariantMap* arguments, QString* error)
 {
-    const QDBusArgument named = message.arguments().value(0).value<QDBusArgument>();
     int undeclared = 0;
-    named.beginMap();
     while (!named.atEnd()) {
         QString name;
         QDBusVariant value;
@@ -83,8 +81,18 @@ bool fromNamedForm(const QDBusMessage& message, const ServiceMethod& method, QVa
             arguments->insert(name, value.variant());
         }
     }
-    named.endMap();
     return true;
+}
+
+// endMap() whatever the entries held: a map left open keeps the reader that opened it, and
+// with it the whole message, for the life of the process.
+bool fromNamedForm(const QDBusMessage& message, const ServiceMethod& method, QVariantMap* arguments, QString* error)
+{
+    const QDBusArgument named = message.arguments().value(0).value<QDBusArgument>();
+    named.beginMap();
+    const bool read = readNamedEntries(named, method, arguments, error);
+    named.endMap();
+    return read;
 }
 
 bool fromPositionalForm(const QDBusMessage& message, const ServiceMethod& method, QVariantMap* arguments, QString* error)
