@@ -135,6 +135,10 @@ void StreamingMediaBuffer::start()
     if (adoptCacheInfo(found, info)) {
         setState(Finished, QStringLiteral("already cached content"));
         emit bufferProgress(1.0, mWritten, mContentLength);
+        // The stream cache has just answered "not cached" (its database was lost, its entry
+        // pruned, or its store refused for want of room): offered again, the complete file
+        // gets its entry back instead of staying out of the cache for good.
+        describeToStreamCache();
         return;
     }
     cleanupCacheDirectory();
@@ -338,6 +342,11 @@ void StreamingMediaBuffer::completeFile(const QString& reason)
     setState(Finished, reason);
     writeInfoFile();
     releaseFileWriter(false);   // already trimmed: nothing touches the file from here on
+    describeToStreamCache();
+}
+
+void StreamingMediaBuffer::describeToStreamCache()
+{
     const QJsonObject description{{QStringLiteral("file"), cacheFile()}, {QStringLiteral("length"), mWritten}};
     mStoreData = QJsonDocument(description).toJson(QJsonDocument::Compact);
     handOverToStreamCache();

@@ -50,7 +50,8 @@ struct ResponseExtent;
 // - A file once described to the stream cache is never written again (the cache may share its
 //   bytes through a hard link): a new download of the key removes the old file and creates a
 //   new one, and a "complete" info file whose data file no longer matches starts over the
-//   same way.
+//   same way. A start that finds its file complete describes it to the stream cache again:
+//   a buffer runs only after the cache answered "not cached", so the file is missing there.
 // - A slow disk slows the download, never memory: the downloader is paused at the writer's
 //   backlog high-water mark and resumed at the low one.
 //
@@ -138,6 +139,8 @@ protected:
     bool holdsWholeContent() const;
     // Finished: the info file says complete, the writer is gone, the stream cache is told.
     void completeFile(const QString& reason);
+    // Describes the complete data file ({"file", "length"}) and hands it to the stream cache.
+    void describeToStreamCache();
     void handOverToStreamCache();
     // The data file's trim came back after every write (allWritten) or after a failed chunk:
     // the download's end, success or failure, is handled now.

@@ -2,8 +2,10 @@
 // media from a loopback server in this process and its audio written to a WAV file in real time:
 // what a client asks is what it hears, and the published state always tells the truth.
 
+#include "tests/support/SelfSignedCertificate.h"
 #include "tests/support/ServerProcess.h"
 #include "tests/support/SteppedTone.h"
+#include "tests/support/TestFiles.h"
 #include "tests/support/TestHttpServer.h"
 #include "tests/support/WavReader.h"
 
@@ -20,12 +22,6 @@ const int kWaitMs = 60000;
 const int kShortSeconds = 4;
 const int kLongSeconds = 16;
 const QString kNoReply = QStringLiteral("org.freedesktop.DBus.Error.NoReply");
-
-QByteArray contentsOf(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 // Whether `expected` appears in `seen` in this order, other entries allowed in between.
 bool inOrder(const QStringList& seen, const QStringList& expected)
@@ -50,23 +46,27 @@ private slots:
         mLong = SteppedTone::file(SteppedTone::Format::Mp3, kLongSeconds, &error);
         QVERIFY2(!mShort.isEmpty() && !mLong.isEmpty(), qPrintable(error));
         TestHttpResource shortItem;   // one URL for several items: the cache knows them by key
-        shortItem.body = contentsOf(mShort);
+        shortItem.body = fileContents(mShort);
         mMedia.setResource("/short.mp3", shortItem);
         TestHttpResource slow;   // two seconds of loading
-        slow.body = contentsOf(mShort);
+        slow.body = fileContents(mShort);
         slow.bytesPerSecond = 32000;
         mMedia.setResource("/slow.mp3", slow);
         TestHttpResource longItem;
-        longItem.body = contentsOf(mLong);
+        longItem.body = fileContents(mLong);
         mMedia.setResource("/long.mp3", longItem);
         TestHttpResource radio;
         radio.icy = true;
-        radio.body = contentsOf(mLong);
+        radio.body = fileContents(mLong);
         radio.icyMetaInt = 16000;
         radio.icyTitles = QStringList{"One", "Two", "Three"};
         radio.icyTitleSeconds = 1;
         mMedia.setResource("/radio", radio);
         QVERIFY(mMedia.start());
+        QVERIFY2(mCertificate.isValid(), qPrintable(mCertificate.error()));
+        mTlsMedia.useTls(mCertificate.certificate(), mCertificate.key());
+        mTlsMedia.setResource("/long.mp3", longItem);
+        QVERIFY(mTlsMedia.start());
         mWav = mServer.home() + QStringLiteral("/out.wav");
         QVERIFY(mServer.start({"gstreamer/audio_sink=audioconvert ! audioresample ! audio/x-raw,format=S16LE,channels=1 ! wavenc ! "
                                "filesink location=" + mWav + " sync=true",
@@ -81,19 +81,24 @@ private slots:
     {
         QTest::addColumn<qint64>("startPosition");   // in the item
         QTest::addColumn<int>("playMs");             // the play request's position
-        QTest::newRow("the item starts at 12 s") << qint64(12000) << 0;
-        QTest::newRow("played from 12 s") << qint64(0) << 12000;
+        QTest::addColumn<bool>("https");             // from a server with a self-signed certificate
+        QTest::newRow("the item starts at 12 s") << qint64(12000) << 0 << false;
+        QTest::newRow("played from 12 s") << qint64(0) << 12000 << false;
+        QTest::newRow("played from 12 s, over https from a self-signed server") << qint64(0) << 12000 << true;
     }
 
     void playsFromItsStartToTheEnd()
     {
         QFETCH(qint64, startPosition);
         QFETCH(int, playMs);
+        QFETCH(bool, https);
         const int mark = mServer.logLineCount();
-        QVERIFY(load(item("/long.mp3", QStringLiteral("start-%1").arg(playMs), {{"should_cache", true}, {"startposition", startPosition}})));
+        const int handshakesBefore = mTlsMedia.handshakeCount();
+        const QString key = QStringLiteral("start-%1-%2").arg(playMs).arg(https);
+        QVERIFY(load(item("/long.mp3", key, {{"should_cache", true}, {"startposition", startPosition}}, https)));
         QCOMPARE(mServer.value("MEDIA2_elapsedTime"), (QVariantList{true, int(startPosition)}));
         QVERIFY(answer("play", {playMs}));
-        QVERIFY(waitForState("PlaybackComplete", mark));
+        QVERIFY(mServer.waitForState("PlaybackComplete", mark));
         QCOMPARE(secondsHeard(), WavReader::secondsFromTo(12, kLongSeconds - 1));
         QVERIFY2(inOrder(mServer.pairsSince(mark), {"Loading, NoError", "Loaded, NoError", "TryingToPlay, NoError", "Playing, NoError",
                                                     "PlaybackComplete, NoError"}),
@@ -102,6 +107,7 @@ private slots:
         QCOMPARE(mServer.value("MEDIA2_bufferProgress"), (QVariantList{true, 1.0}));
         QCOMPARE(mServer.value("MEDIA2_downloadedBytes"), (QVariantList{true, size}));
         QCOMPARE(mServer.value("MEDIA2_totalBytes"), (QVariantList{true, size}));
+        QCOMPARE(mTlsMedia.handshakeCount() > handshakesBefore, https);
     }
 
     // Requests that arrive while the item is still downloading its first part: a play is done once
@@ -125,14 +131,14 @@ private slots:
         for (const QString& request : requests)
             QVERIFY(answer(request, request == "play" ? QVariantList{0} : QVariantList{}));
         QTRY_VERIFY_WITH_TIMEOUT(mServer.logHas(line, mark), kWaitMs);
-        QVERIFY(waitForState("Loaded", mark));
+        QVERIFY(mServer.waitForState("Loaded", mark));
         if (heard) {
-            QVERIFY(waitForState("PlaybackComplete", mark));
+            QVERIFY(mServer.waitForState("PlaybackComplete", mark));
             QCOMPARE(secondsHeard(), WavReader::secondsFromTo(0, kShortSeconds - 1));
             return;
         }
         QVERIFY(answer("stop"));
-        QVERIFY(waitForState("NoMedia", mark));
+        QVERIFY(mServer.waitForState("NoMedia", mark));
         QVERIFY2(!mServer.pairsSince(mark).contains("TryingToPlay, NoError"), qPrintable(mServer.pairsSince(mark).join(" | ")));
     }
 
@@ -161,7 +167,7 @@ private slots:
             {"seek", {1000}, "none", "NoMedia", "seek(): can't seek in current state: NoMedia, must be playing or paused"},
         };
         QVERIFY(load(item("/long.mp3", "control")));
-        QVERIFY(waitForState("Loaded"));
+        QVERIFY(mServer.waitForState("Loaded"));
         for (const Step& step : steps) {
             const int mark = mServer.logLineCount();
             const QDBusMessage reply = mServer.request(step.method, step.args, 3000);
@@ -170,7 +176,7 @@ private slots:
             QVERIFY2(got == (qstrcmp(step.reply, "none") == 0 ? kNoReply : QString::fromLatin1(step.reply)), qPrintable(what + ": " + got));
             if (qstrcmp(step.method, "seek") == 0 && got == "true")   // at once, before the engine reports a position
                 QCOMPARE(mServer.value("MEDIA2_elapsedTime"), (QVariantList{true, step.args.value(0)}));
-            QVERIFY2(waitForState(step.state), qPrintable(what));
+            QVERIFY2(mServer.waitForState(step.state), qPrintable(what));
             // The answer can come before the log line reaches the pipe.
             QTRY_VERIFY2_WITH_TIMEOUT(!*step.line || mServer.logHas(step.line, mark), qPrintable(what + ": no line " + step.line), kWaitMs);
         }
@@ -181,17 +187,17 @@ private slots:
     void loadWhilePlayingStopsFirst()
     {
         QVERIFY(load(item("/long.mp3", "before")));
-        QVERIFY(waitForState("Loaded"));
+        QVERIFY(mServer.waitForState("Loaded"));
         QVERIFY(answer("play", {0}));
-        QVERIFY(waitForState("Playing"));
+        QVERIFY(mServer.waitForState("Playing"));
         const int mark = mServer.logLineCount();
         QVERIFY(load(item("/short.mp3", "after")));
-        QVERIFY(waitForState("Loaded"));
+        QVERIFY(mServer.waitForState("Loaded"));
         QVERIFY2(inOrder(mServer.pairsSince(mark), {"Stopping, NoError", "NoMedia, NoError", "Loading, NoError", "Loaded, NoError"}),
                  qPrintable(mServer.pairsSince(mark).join(" | ")));
         QVERIFY(mServer.logHas("onStop(): metadata valid -> loadMedia", mark));
         QVERIFY(answer("play", {0}));
-        QVERIFY(waitForState("PlaybackComplete"));
+        QVERIFY(mServer.waitForState("PlaybackComplete"));
         QCOMPARE(secondsHeard(), WavReader::secondsFromTo(0, kShortSeconds - 1));
     }
 
@@ -202,13 +208,13 @@ private slots:
         const QVariantMap cached{{"should_cache", true}};
         QVERIFY(load(item("/short.mp3", "cache-a", cached), item("/short.mp3", "cache-b", cached)));
         QVERIFY(answer("play", {0}));
-        QVERIFY(waitForState("PlaybackComplete"));
+        QVERIFY(mServer.waitForState("PlaybackComplete"));
         QTRY_VERIFY_WITH_TIMEOUT(mServer.logHas("stored cache-b"), kWaitMs);
         const int mark = mServer.logLineCount();
         QVERIFY(load(item("/short.mp3", "cache-b", cached)));
         QTRY_VERIFY_WITH_TIMEOUT(mServer.logHas("Cached in StreamCache, playing from", mark), kWaitMs);
         QVERIFY(answer("play", {0}));
-        QVERIFY(waitForState("PlaybackComplete", mark));
+        QVERIFY(mServer.waitForState("PlaybackComplete", mark));
         QCOMPARE(mServer.value("MEDIA2_bufferProgress"), (QVariantList{true, 1.0}));
         QCOMPARE(secondsHeard(), WavReader::secondsFromTo(0, kShortSeconds - 1));
     }
@@ -231,7 +237,7 @@ private slots:
     {
         QVERIFY(load(item("/radio", "", {{"live-stream", true}})));
         QVERIFY(answer("play", {0}));
-        QVERIFY(waitForState("Playing"));
+        QVERIFY(mServer.waitForState("Playing"));
         QStringList titles;
         const QDeadlineTimer deadline(kWaitMs);
         while (titles.size() < 3 && !deadline.hasExpired()) {
@@ -244,7 +250,7 @@ private slots:
         QCOMPARE(titles, (QStringList{"One", "Three", "Two"}));
         QVERIFY(mServer.value("MEDIA2_streamBitRate").value(1).toInt() > 0);
         QVERIFY(answer("stop"));
-        QVERIFY(waitForState("NoMedia"));
+        QVERIFY(mServer.waitForState("NoMedia"));
     }
 
     // A fetch that fails and a file that is no audio each end in their published state, the error
@@ -266,7 +272,7 @@ private slots:
         QFETCH(QString, pair);
         TestHttpResource failing;
         failing.status = status;
-        failing.body = contentsOf(mShort);
+        failing.body = fileContents(mShort);
         if (noise) {
             QRandomGenerator random(7);
             for (char& byte : failing.body)
@@ -275,11 +281,11 @@ private slots:
         const QString path = QStringLiteral("/failing-%1").arg(status);
         mMedia.setResource(path, failing);
         QVERIFY(load(item(path, path)));
-        QVERIFY(waitForState(pair.section(',', 0, 0)));
+        QVERIFY(mServer.waitForState(pair.section(',', 0, 0)));
         QCOMPARE(mServer.publishedPair(), pair);
         QVERIFY(load(item("/short.mp3", "")));
         QVERIFY(answer("play", {0}));
-        QVERIFY(waitForState("Playing"));
+        QVERIFY(mServer.waitForState("Playing"));
     }
 
     // Requests in random order (seeded, each waiting for its answer as clients do) for a minute:
@@ -306,7 +312,7 @@ private slots:
             QTest::qWait(random.bounded(200));
         }
         QVERIFY(answer("stop"));
-        QVERIFY(waitForState("NoMedia"));
+        QVERIFY(mServer.waitForState("NoMedia"));
         QVERIFY(mServer.isRunning());
         QCOMPARE(mServer.logLines().filter("ASSERT failed").join('\n'), QString());
         qInfo("%d requests", requests);
@@ -317,17 +323,17 @@ private slots:
     {
         QVERIFY(load(item("/long.mp3", "")));
         QVERIFY(answer("play", {0}));
-        QVERIFY(waitForState("Playing"));
+        QVERIFY(mServer.waitForState("Playing"));
         const int mark = mServer.logLineCount();
         QVERIFY(mServer.terminate());
         QVERIFY(mServer.logHas("internalStop(): stopping", mark));
     }
 
 private:
-    QString item(const QString& path, const QString& key, const QVariantMap& extra = {}) const
+    QString item(const QString& path, const QString& key, const QVariantMap& extra = {}, bool https = false) const
     {
         QVariantMap fields = extra;
-        fields.insert("url", mMedia.url(path).toString());
+        fields.insert("url", (https ? mTlsMedia : mMedia).url(path).toString());
         fields.insert("cachekey", key);
         return QString::fromUtf8(QJsonDocument(QJsonObject::fromVariantMap(fields)).toJson(QJsonDocument::Compact));
     }
@@ -344,30 +350,14 @@ private:
     }
 
     // The state is published now or, with `since` a log line number, was published since then.
-    bool waitForState(const QString& state, int since = -1)
-    {
-        const auto reached = [&] {
-            const QStringList pairs = since < 0 ? QStringList{mServer.publishedPair()} : mServer.pairsSince(since);
-            return std::any_of(pairs.begin(), pairs.end(), [&](const QString& pair) { return pair.startsWith(state + QLatin1Char(',')); });
-        };
-        const QDeadlineTimer deadline(kWaitMs);
-        while (!reached() && !deadline.hasExpired())
-            QTest::qWait(20);
-        if (reached())
-            return true;
-        // The server's own account of the wait, for a failure seen only once in a while.
-        const QStringList log = mServer.logLines();
-        qWarning("waited for %s, published: %s; the server's last log lines:\n%s", qPrintable(state),
-                 qPrintable(mServer.publishedPair()), qPrintable(log.mid(qMax(0, int(log.size()) - 40)).join(QLatin1Char('\n'))));
-        return false;
-    }
-
     QList<int> secondsHeard() const
     {
         return WavReader::steppedSecondsIn(mWav);
     }
 
     TestHttpServer mMedia;
+    SelfSignedCertificate mCertificate{QStringLiteral("127.0.0.1")};
+    TestHttpServer mTlsMedia;   // https with mCertificate, which the server was never told to trust
     ServerProcess mServer;
     QString mShort;
     QString mLong;

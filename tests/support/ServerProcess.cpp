@@ -9,6 +9,7 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <QSignalSpy>
+#include <QTest>
 
 #include <csignal>
 
@@ -86,8 +87,10 @@ bool ServerProcess::start(const QStringList& settings, const QStringList& option
     QStringList args = options;
     for (const QString& setting : settings)
         args << QStringLiteral("--set") << setting;
+    // A restart in the same home keeps the earlier run's log: only this run's line counts.
+    const qsizetype from = mLog.size();
     launch(args << QStringLiteral("--set") << QStringLiteral("service/bus=") + busAddress());
-    if (!waitUntil([this] { readLog(); return mLog.contains("run(): running"); })) {
+    if (!waitUntil([this, from] { readLog(); return mLog.indexOf("run(): running", from) >= 0; })) {
         qWarning("the server did not start (%s, exit status %d): %s", qPrintable(mProcess.errorString()), mProcess.exitCode(),
                  mLog.constData());
         return false;
@@ -211,4 +214,31 @@ QString ServerProcess::publishedPair() const
 {
     const QStringList pairs = pairsSince(0);
     return pairs.isEmpty() ? QString() : pairs.last();
+}
+
+bool ServerProcess::publishedInOrder(const QStringList& expected, int from) const
+{
+    qsizetype next = 0;
+    for (const QString& pair : pairsSince(from))
+        if (next < expected.size() && pair == expected.at(next))
+            ++next;
+    return next == expected.size();
+}
+
+bool ServerProcess::waitForState(const QString& state, int since, int timeoutMs) const
+{
+    const auto reached = [&] {
+        const QStringList pairs = since < 0 ? QStringList{publishedPair()} : pairsSince(since);
+        return std::any_of(pairs.begin(), pairs.end(), [&](const QString& pair) { return pair.startsWith(state + QLatin1Char(',')); });
+    };
+    const QDeadlineTimer deadline(timeoutMs);
+    while (!reached() && !deadline.hasExpired())
+        QTest::qWait(20);
+    if (reached())
+        return true;
+    // The server's own account of the wait, for a failure seen only once in a while.
+    const QStringList log = logLines();
+    qWarning("waited for %s since line %d, published: %s; the server's last log lines:\n%s", qPrintable(state), since,
+             qPrintable(pairsSince(0).join(QStringLiteral(" | "))), qPrintable(log.mid(qMax(0, int(log.size()) - 40)).join(QLatin1Char('\n'))));
+    return false;
 }

@@ -29,7 +29,7 @@ public:
     // Runs the server with `args` and no bus until it ends; its standard output lands in out().
     bool run(const QStringList& args);
     // Starts the server on its bus with `--set` overrides ("key=value") and other `options`, and
-    // waits until it serves.
+    // waits until it serves. Again after an exit or a kill: the same home, caches and bus.
     bool start(const QStringList& settings = {}, const QStringList& options = {});
     // Starts the server on its bus with `arrangeStreams` run in the child before exec, and waits
     // until SIGTERM would reach its handler: the log cannot tell, stderr may be taken away.
@@ -62,6 +62,11 @@ public:
     QString publishedPair() const;
     // Every published pair in the log from line `from` on, e.g. "Playing, NoError".
     QStringList pairsSince(int from) const;
+    // Whether `expected` pairs were published from line `from` on in this order, others between.
+    bool publishedInOrder(const QStringList& expected, int from = 0) const;
+    // Waits until `state` is published now or, with `since` a log line number, was published
+    // since then; false (with the pairs seen in a warning) when the wait ends first.
+    bool waitForState(const QString& state, int since = -1, int timeoutMs = 60000) const;
 
     QStringList logLines() const;
     int logLineCount() const { return int(logLines().size()); }
