@@ -1,9 +1,11 @@
 #include "platform/net/NetDownloader.h"
 
 #include "platform/config/ConfigBoolValue.h"
+#include "platform/config/ConfigStringValue.h"
 #include "platform/datavalue/ConnectionUsageDataValue.h"
 #include "platform/log/LogLine.h"
 
+#include <QFile>
 #include <QPointer>
 #include <QUrl>
 
@@ -14,6 +16,9 @@ namespace {
 // Some radio stations still serve broken certificates or only old TLS; true lets the items
 // that ask for it play anyway. Deployments that want strict TLS set it false.
 ConfigBoolValue sAllowInsecureTls("net/allow_insecure_tls", true);
+// A PEM file of the certificate authorities to trust in place of the system's, for a fleet
+// whose servers carry certificates of its own authority; empty: the system's authorities.
+ConfigStringValue sCaFile("net/ca_file", QString());
 
 NetStats::ConnectionUsageDataValue* sNetStats = nullptr;   // main thread only
 
@@ -114,6 +119,11 @@ bool NetDownloader::configure(const QByteArray& postData, bool headOnly)
         } else {
             LOG_WARN << "not skipping certificate verification for " << mUrl << ": net/allow_insecure_tls is false";
         }
+    }
+    const QByteArray caFile = QFile::encodeName(sCaFile.value());
+    if (!caFile.isEmpty()) {
+        curl_easy_setopt(mEasy, CURLOPT_CAINFO, caFile.constData());   // curl copies it
+        curl_easy_setopt(mEasy, CURLOPT_CAPATH, nullptr);
     }
     if (mTriedOldTls)
         curl_easy_setopt(mEasy, CURLOPT_SSLVERSION, long(CURL_SSLVERSION_TLSv1_0 | CURL_SSLVERSION_MAX_TLSv1_0));
@@ -342,5 +352,8 @@ void NetDownloader::finish(Status status)
     mRunning = false;
     mAborted = false;
     mPausedByConsumer = false;
+    // The TLS 1.0 fallback was for this download only: the next one tries current TLS first, and
+    // asks net/allow_insecure_tls again before falling back.
+    mTriedOldTls = false;
     emit downloadComplete(this, status);
 }

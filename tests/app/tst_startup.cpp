@@ -63,6 +63,7 @@ const char* const kTable[] = {
     "mediaserver/stream_cache_required_free_disk_space_mb\tint\t300",
     "mpris/enabled\tbool\ttrue",
     "net/allow_insecure_tls\tbool\ttrue",
+    "net/ca_file\tstring\t",
     "service/bus\tstring\tsession",
     "storage/alternate_media_cache_folder\tstring\tROOT/media_cache_alt",
     "storage/media_cache_folder\tstring\tROOT/media_cache",

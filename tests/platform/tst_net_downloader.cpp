@@ -1,13 +1,16 @@
 // Downloads against the loopback test server: the whole body, the failures a radio listener
 // meets (error statuses, redirect loops, stalls, drops, no such host, nobody listening, schemes
-// other than http and https), byte counting, a consumer slower than the network, a consumer that
-// pauses, aborts, and restarts that reuse addresses. Resuming with a range and ICY status lines
+// other than http and https), what the TLS settings let through from a self-signed https server,
+// byte counting, a consumer slower than the network, a consumer that pauses, aborts, and restarts
+// that reuse addresses. Resuming with a range and ICY status lines
 // are proved where they are used: the stream buffer and the live stream FIFO suites.
 
 #include "platform/datavalue/ConnectionUsageDataValue.h"
 #include "platform/config/ConfigStore.h"
 #include "platform/net/NetDownloader.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/SelfSignedCertificate.h"
+#include "tests/support/TestConfig.h"
 #include "tests/support/TestHttpServer.h"
 
 #include <QtTest>
@@ -40,11 +43,12 @@ Result download(NetDownloader& downloader, int stallSeconds = 30)
 {
     Result result;
     downloader.setStallTimeout(stallSeconds);
-    QObject::connect(&downloader, &NetDownloader::dataAvailable, [&](const QByteArray& chunk) {
+    QObject receiver;   // the connections to result end with this call: a downloader may be used again
+    QObject::connect(&downloader, &NetDownloader::dataAvailable, &receiver, [&](const QByteArray& chunk) {
         result.body += chunk;
         result.largestChunk = qMax(result.largestChunk, int(chunk.size()));
     });
-    QObject::connect(&downloader, &NetDownloader::redirected, [&](const QString& url) { result.redirects.append(url); });
+    QObject::connect(&downloader, &NetDownloader::redirected, &receiver, [&](const QString& url) { result.redirects.append(url); });
     QSignalSpy done(&downloader, &NetDownloader::downloadComplete);
     downloader.startDownload();
     if (!done.wait(20000))
@@ -115,6 +119,16 @@ private slots:
         serve("/loop", [](TestHttpResource& r) { r.redirectTo = "/loop"; });
         serve("/hop", [](TestHttpResource& r) { r.redirectTo = "/whole"; });
         serve("/toftp", [](TestHttpResource& r) { r.redirectTo = "ftp://127.0.0.1:9/x"; });
+        QVERIFY2(mCertificate.isValid(), qPrintable(mCertificate.error()));
+        mTlsServer.useTls(mCertificate.certificate(), mCertificate.key());
+        QVERIFY(mTlsServer.start());
+        TestHttpResource whole;
+        whole.body = mBody;
+        mTlsServer.setResource(QStringLiteral("/whole"), whole);
+        QVERIFY2(mOtherHostCertificate.isValid(), qPrintable(mOtherHostCertificate.error()));
+        mOtherHostServer.useTls(mOtherHostCertificate.certificate(), mOtherHostCertificate.key());
+        QVERIFY(mOtherHostServer.start());
+        mOtherHostServer.setResource(QStringLiteral("/whole"), whole);
     }
 
     void endsWithItsStatus_data()
@@ -165,16 +179,76 @@ private slots:
         QVERIFY(!counted.categories.contains(0));
     }
 
-    void strictTlsRefusesToSkipVerification()
+    void tlsSettingsDecideWhatIsFetched_data()
     {
-        QVERIFY(ConfigStore::instance()->set(QStringLiteral("net/allow_insecure_tls"), QStringLiteral("false"), nullptr));
+        QTest::addColumn<QString>("server");        // "http", "https" (for 127.0.0.1), "https other host"
+        QTest::addColumn<bool>("trustIt");          // net/ca_file names the server's certificate
+        QTest::addColumn<bool>("verifyPeer");
+        QTest::addColumn<bool>("retryWithOldTls");
+        QTest::addColumn<bool>("allowInsecure");    // net/allow_insecure_tls
+        QTest::addColumn<int>("downloads");         // one after another on the same downloader
+        QTest::addColumn<int>("status");
+        QTest::addColumn<int>("handshakes");
+        QTest::addColumn<QStringList>("warnings");  // %1: the URL
+        const QString noSkip = "configure(): not skipping certificate verification for %1: net/allow_insecure_tls is false";
+        const QString noRetry = "maybeRetryWithOldTls(): not retrying %1 with TLS 1.0: net/allow_insecure_tls is false";
+        const int success = NetDownloader::Success;
+        const int sslError = NetDownloader::SslError;
+        QTest::newRow("an item's download skips verification: the body arrives whole, no retry")
+            << "https" << false << false << true << true << 1 << success << 1 << QStringList();
+        QTest::newRow("strict TLS refuses to skip verification, and to retry")
+            << "https" << false << false << true << false << 1 << sslError << 1 << QStringList{noSkip, noRetry};
+        QTest::newRow("strict TLS still fetches plain http")
+            << "http" << false << false << false << false << 1 << success << 0 << QStringList{noSkip};
+        QTest::newRow("verification refuses a self-signed certificate")
+            << "https" << false << true << false << true << 1 << sslError << 1 << QStringList();
+        QTest::newRow("verification passes a certificate of a trusted authority")
+            << "https" << true << true << false << true << 1 << success << 1 << QStringList();
+        QTest::newRow("verification refuses a trusted certificate made out to another host")
+            << "https other host" << true << true << false << true << 1 << sslError << 1 << QStringList();
+        QTest::newRow("an SSL error is retried once with TLS 1.0")
+            << "https" << false << true << true << true << 1 << sslError << 2 << QStringList();
+        QTest::newRow("the next download on the same downloader tries current TLS first again")
+            << "https" << false << true << true << true << 2 << sslError << 4 << QStringList();
+        QTest::newRow("strict TLS does not retry with TLS 1.0")
+            << "https" << false << true << true << false << 1 << sslError << 1 << QStringList{noRetry};
+    }
+    // The TLS 1.0 retry's own outcome is not asserted beyond its status: OpenSSL 3 at its default
+    // security level may refuse TLS 1.0 on either side, which is still an SSL error.
+    void tlsSettingsDecideWhatIsFetched()
+    {
+        QFETCH(QString, server);
+        QFETCH(bool, trustIt);
+        QFETCH(bool, verifyPeer);
+        QFETCH(bool, retryWithOldTls);
+        QFETCH(bool, allowInsecure);
+        QFETCH(int, downloads);
+        QFETCH(int, status);
+        QFETCH(int, handshakes);
+        QFETCH(QStringList, warnings);
+        const bool otherHost = server == QLatin1String("https other host");
+        TestHttpServer& http = server == QLatin1String("http") ? mServer : otherHost ? mOtherHostServer : mTlsServer;
+        const QString url = http.url(QStringLiteral("/whole")).toString();
+        const int handshakesBefore = http.handshakeCount();
+        setConfig(QStringLiteral("net/allow_insecure_tls"), allowInsecure);
+        if (trustIt)
+            setConfig(QStringLiteral("net/ca_file"), (otherHost ? mOtherHostCertificate : mCertificate).certificatePath());
         LogCapture log;
-        NetDownloader downloader(0, mServer.url(QStringLiteral("/whole")).toString(), true);
-        downloader.setSSLPeerVerificationMode(QSslSocket::VerifyNone);
-        QCOMPARE(download(downloader).status, NetDownloader::Success);
+        NetDownloader downloader(0, url, true);
+        if (!verifyPeer)
+            downloader.setSSLPeerVerificationMode(QSslSocket::VerifyNone);
+        downloader.setRetryWithTLSV1OnSSLError(retryWithOldTls);
+        Result result;
+        for (int i = 0; i < downloads; ++i)
+            result = download(downloader);
         ConfigStore::instance()->unset(QStringLiteral("net/allow_insecure_tls"));
-        QCOMPARE(log.lines(), QStringList{"configure(): not skipping certificate verification for " + mServer.url(QStringLiteral("/whole")).toString()
-                                          + ": net/allow_insecure_tls is false"});
+        ConfigStore::instance()->unset(QStringLiteral("net/ca_file"));
+        QCOMPARE(int(result.status), status);
+        QCOMPARE(http.handshakeCount() - handshakesBefore, handshakes);
+        for (QString& warning : warnings)
+            warning = warning.arg(url);
+        QCOMPARE(log.lines().filter("net/allow_insecure_tls"), warnings);
+        QVERIFY(status != NetDownloader::Success || result.body == mBody);
     }
 
     // A stream buffer restarts inside dataAvailable on every retry: the old downloader goes and a
@@ -295,6 +369,10 @@ private slots:
 
 private:
     TestHttpServer mServer;
+    SelfSignedCertificate mCertificate{QStringLiteral("127.0.0.1")};
+    TestHttpServer mTlsServer;   // https with mCertificate
+    SelfSignedCertificate mOtherHostCertificate{QStringLiteral("media.other.example")};
+    TestHttpServer mOtherHostServer;   // https at 127.0.0.1 with mOtherHostCertificate
     QByteArray mBody = pattern(3 * 1024 * 1024 + 17);
 };
 

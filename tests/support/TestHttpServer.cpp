@@ -7,25 +7,47 @@
 TestHttpServer::TestHttpServer(QObject* parent)
     : QObject(parent)
 {
-    connect(&mListener, &QTcpServer::newConnection, this, &TestHttpServer::acceptConnections);
+    // Not newConnection: a TLS server has a connection to hand out only once its handshake ends.
+    connect(&mListener, &QTcpServer::pendingConnectionAvailable, this, &TestHttpServer::acceptConnections);
+    connect(&mTlsListener, &QTcpServer::pendingConnectionAvailable, this, &TestHttpServer::acceptConnections);
+    connect(&mTlsListener, &QSslServer::startedEncryptionHandshake, this, [this] { ++mHandshakes; });
+}
+
+void TestHttpServer::useTls(const QSslCertificate& certificate, const QSslKey& key)
+{
+    QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
+    configuration.setLocalCertificate(certificate);
+    configuration.setPrivateKey(key);
+    mTlsListener.setSslConfiguration(configuration);
+    mTls = true;
+}
+
+QTcpServer& TestHttpServer::listener()
+{
+    return mTls ? static_cast<QTcpServer&>(mTlsListener) : mListener;
+}
+
+const QTcpServer& TestHttpServer::listener() const
+{
+    return mTls ? static_cast<const QTcpServer&>(mTlsListener) : mListener;
 }
 
 bool TestHttpServer::start(quint16 port)
 {
-    if (mListener.listen(QHostAddress::LocalHost, port))
+    if (listener().listen(QHostAddress::LocalHost, port))
         return true;
-    qWarning("TestHttpServer: cannot listen on 127.0.0.1:%u: %s", port, qPrintable(mListener.errorString()));
+    qWarning("TestHttpServer: cannot listen on 127.0.0.1:%u: %s", port, qPrintable(listener().errorString()));
     return false;
 }
 
 quint16 TestHttpServer::port() const
 {
-    return mListener.serverPort();
+    return listener().serverPort();
 }
 
 QUrl TestHttpServer::url(const QString& path) const
 {
-    return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(port()).arg(normalized(path)));
+    return QUrl(QStringLiteral("%1://127.0.0.1:%2%3").arg(mTls ? "https" : "http").arg(port()).arg(normalized(path)));
 }
 
 void TestHttpServer::setResource(const QString& path, const TestHttpResource& resource)
@@ -55,7 +77,7 @@ QString TestHttpServer::normalized(const QString& path)
 
 void TestHttpServer::acceptConnections()
 {
-    while (QTcpSocket* socket = mListener.nextPendingConnection()) {
+    while (QTcpSocket* socket = listener().nextPendingConnection()) {
         auto* connection = new TestHttpConnection(socket, this);
         connect(connection, &TestHttpConnection::bodyBytesSent, this, [this](const QString& path, qint64 bytes) { mBytesSent[path] += bytes; });
         connect(connection, &TestHttpConnection::requestParsed, this, &TestHttpServer::answer);
