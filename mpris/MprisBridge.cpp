@@ -123,6 +123,11 @@ void MprisBridge::stateChanged()
         emit mPlayer->Seeked(positionUs());
     mLastState = current;
     sendChangedProperties();
+    if (mPauseWhenPlaying && current != Buffering && current != TryingToPlay) {
+        mPauseWhenPlaying = false;
+        if (current == Playing)
+            mRequests->send({{QStringLiteral("pause"), {}}}, QDBusMessage());
+    }
 }
 
 void MprisBridge::sendChangedProperties()
@@ -149,13 +154,21 @@ void MprisBridge::request(const QString& method, const QVariantMap& arguments, c
 
 void MprisBridge::play(const QDBusMessage& call)
 {
+    mPauseWhenPlaying = false;
     if (MprisProperties::itemLoaded(state()))
         request(QStringLiteral("play"), {{QStringLiteral("milliSecondsStartPos"), 0}}, call);
 }
 
+// While the item buffers or is on its way to playing, the server goes on to play by itself
+// once it can, which would undo a pause sent now. The pause is kept and sent when the state
+// reaches Playing; the call is answered at once, since a stalled network can keep the item
+// buffering past any caller's time-out.
 void MprisBridge::pause(const QDBusMessage& call)
 {
-    if (MprisProperties::itemLoaded(state()))
+    const MediaV2::MediaServerState current = state();
+    if (current == Buffering || current == TryingToPlay)
+        mPauseWhenPlaying = true;
+    else if (MprisProperties::itemLoaded(current))
         request(QStringLiteral("pause"), {}, call);
 }
 
@@ -170,6 +183,7 @@ void MprisBridge::playPause(const QDBusMessage& call)
 
 void MprisBridge::stop(const QDBusMessage& call)
 {
+    mPauseWhenPlaying = false;
     if (state() != NoMedia)
         request(QStringLiteral("stop"), {}, call);
 }
@@ -204,6 +218,7 @@ void MprisBridge::openUri(const QString& uri, const QDBusMessage& call)
                                                    .arg(uri, MprisRootAdaptor::supportedUriSchemes().join(QStringLiteral(" and ")))));
         return;
     }
+    mPauseWhenPlaying = false;
     const QString item = QString::fromUtf8(QJsonDocument(QJsonObject{{QStringLiteral("url"), uri}}).toJson(QJsonDocument::Compact));
     call.setDelayedReply(true);
     mRequests->send({{QStringLiteral("loadMedia"), {{QStringLiteral("playbackMetadata"), item}, {QStringLiteral("onDeckMetadata"), QString()}}},

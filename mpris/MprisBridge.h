@@ -27,7 +27,8 @@ class MprisRequestQueue;
 // (MprisRequestQueue), so the bridge can only move the player where a client could; the D-Bus
 // call is answered once the service has answered. What the convention says has no effect
 // (playing with nothing loaded, seeking a live stream or past the end, a position for another
-// track) is answered at once without a request.
+// track) is answered at once without a request. A pause while the item buffers or is about to
+// play is answered at once and carried out when it plays (the server would resume by itself).
 //
 // Off when "mpris/enabled" is false. Failure: start() is false with a one-line reason when the
 // name cannot be had; the server runs on without the bridge.
@@ -79,4 +80,5 @@ private:
     MediaV2::MediaServerState mLastState = MediaV2::NoMedia;
     quint64 mTrackNumber = 0;      // 0: nothing loaded yet
     QString mTrackKey;             // the item mTrackNumber stands for
+    bool mPauseWhenPlaying = false;   // a pause asked for while the server was about to play
 };

@@ -85,7 +85,8 @@ void MprisRequestQueue::retireContext()
 void MprisRequestQueue::finishCall(const QString& errorName, const QString& errorText)
 {
     const Call call = mCalls.dequeue();
-    mConnection.send(errorName.isEmpty() ? call.message.createReply() : call.message.createErrorReply(errorName, errorText));
+    if (call.message.type() == QDBusMessage::MethodCallMessage)   // else the bridge's own request
+        mConnection.send(errorName.isEmpty() ? call.message.createReply() : call.message.createErrorReply(errorName, errorText));
 }
 
 void MprisRequestQueue::stopCompleted(ServiceCallContext* context, bool& rval)

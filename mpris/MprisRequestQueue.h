@@ -41,7 +41,8 @@ public:
     explicit MprisRequestQueue(const QDBusConnection& connection, QObject* parent = nullptr);
     ~MprisRequestQueue() override;
 
-    // Queues the requests; `call` (delayed by the caller) is answered once they are done.
+    // Queues the requests; `call` (delayed by the caller) is answered once they are done. An
+    // empty QDBusMessage stands for the bridge's own request, answered to nobody.
     void send(const QList<MprisRequest>& requests, const QDBusMessage& call);
 
 public slots:

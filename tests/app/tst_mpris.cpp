@@ -1,6 +1,7 @@
 #include "mpris/MprisProperties.h"
 #include "tests/support/ServerProcess.h"
 #include "tests/support/SteppedTone.h"
+#include "tests/support/TestFiles.h"
 #include "tests/support/TestHttpServer.h"
 
 #include <QDBusConnectionInterface>
@@ -23,12 +24,6 @@ const int kSeconds = 20;
 // playerctl answers within a second; this allows the sanitizers on a busy machine.
 const int kToolMs = 30000;
 
-QByteArray contentsOf(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 } // namespace
 
 class TestMpris : public QObject
@@ -43,6 +38,7 @@ private slots:
     void statusFollowsWhatTheListenerHears();
     void playerctlDrivesThePlayer_data();
     void playerctlDrivesThePlayer();
+    void pauseWhileBufferingHolds();
     void liveItemShowsItsTitleAndCannotSeek();
     void refusesWhatItCannotOpen();
     void introspectionShowsBothInterfaces();
@@ -67,8 +63,11 @@ void TestMpris::initTestCase()
     const QString tone = SteppedTone::file(SteppedTone::Format::Mp3, kSeconds, &error);
     QVERIFY2(!tone.isEmpty(), qPrintable(error));
     TestHttpResource item;
-    item.body = contentsOf(tone);
+    item.body = fileContents(tone);
     mMedia.setResource("/tone.mp3", item);
+    item.bytesPerSecond = 6000;   // under the tone's 16000 B/s: playing soon runs dry
+    mMedia.setResource("/slow.mp3", item);
+    item.bytesPerSecond = 0;
     TestHttpResource radio;
     radio.icy = true;
     radio.body = item.body;
@@ -185,6 +184,20 @@ void TestMpris::playerctlDrivesThePlayer()
         QVERIFY(seeked->arguments().value(0).toLongLong() >= 5000000);
         QVERIFY(playerctl({"position"}).toDouble() >= 5.0);
     }
+}
+
+// The server resumes by itself once it has buffered; a pause pressed meanwhile must not be
+// undone by that.
+void TestMpris::pauseWhileBufferingHolds()
+{
+    const QString out = playerctl({"open", mMedia.url("/slow.mp3").toString()});
+    QVERIFY2(out.isEmpty(), qPrintable(out));
+    QTRY_VERIFY_WITH_TIMEOUT(mServer.publishedPair().startsWith(QLatin1String("Buffering,")), kToolMs);
+    QCOMPARE(playerctl({"pause"}), QString());
+    QTRY_VERIFY_WITH_TIMEOUT(mServer.publishedPair().startsWith(QLatin1String("Paused,")), kToolMs);
+    QCOMPARE(playerctl({"status"}), QStringLiteral("Paused"));
+    QCOMPARE(mServer.request("stop").arguments().value(0), QVariant(true));
+    QTRY_VERIFY_WITH_TIMEOUT(mServer.publishedPair().startsWith(QLatin1String("NoMedia,")), kToolMs);
 }
 
 void TestMpris::liveItemShowsItsTitleAndCannotSeek()
