@@ -14,6 +14,7 @@
 #include "tests/support/TestConfig.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/SteppedTone.h"
+#include "tests/support/TestFiles.h"
 #include "tests/support/TestHttpServer.h"
 #include "tests/support/WavReader.h"
 
@@ -37,12 +38,6 @@ const int kPlayWaitMs = 180000;
 // MP3 at 128 kbit/s: bytes per second of audio.
 const qint64 kMp3BytesPerSecond = 16000;
 
-QByteArray contentsOf(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 } // namespace
 
 class TestCachingWrapper : public QObject
@@ -65,7 +60,7 @@ class TestCachingWrapper : public QObject
     void serve(const QString& path, const QString& file, qint64 bytesPerSecond)
     {
         TestHttpResource resource;
-        resource.body = contentsOf(file);
+        resource.body = fileContents(file);
         resource.bytesPerSecond = bytesPerSecond;
         mServer.setResource(path, resource);
     }
@@ -94,7 +89,7 @@ private slots:
         serve(QStringLiteral("/item.mp3"), mMp3, 0);
         TestHttpResource radio;
         radio.icy = true;
-        radio.body = contentsOf(mMp3);
+        radio.body = fileContents(mMp3);
         mServer.setResource(QStringLiteral("/radio"), radio);
         QVERIFY(mServer.start());
     }
@@ -184,7 +179,7 @@ private slots:
         QFETCH(int, engineState);
         TestHttpResource refused;
         refused.status = status;
-        refused.body = contentsOf(mMp3);
+        refused.body = fileContents(mMp3);
         refused.stallAfter = stallAfter;
         const QString path = QStringLiteral("/refused-%1-%2").arg(status).arg(stallAfter);
         mServer.setResource(path, refused);
@@ -219,7 +214,7 @@ private slots:
         const QString mp3 = SteppedTone::file(SteppedTone::Format::Mp3, seconds, &error);
         QVERIFY2(!mp3.isEmpty(), qPrintable(error));
         TestHttpResource resource;
-        resource.body = contentsOf(mp3);
+        resource.body = fileContents(mp3);
         resource.bytesPerSecond = bytesPerSecond;
         resource.stallAfter = stallAfter;
         resource.stallMs = stallMs;

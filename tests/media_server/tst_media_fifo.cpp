@@ -9,6 +9,7 @@
 #include "tests/support/TestConfig.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/SteppedTone.h"
+#include "tests/support/TestFiles.h"
 #include "tests/support/TestHttpServer.h"
 #include "tests/support/WavReader.h"
 
@@ -48,12 +49,6 @@ TestHttpResource station(const QByteArray& audio, qint64 bytesPerSecond, int met
     resource.icyTitles = QStringList{QStringLiteral("one"), QString(), QStringLiteral("two")};
     resource.icyTitleSeconds = 1;
     return resource;
-}
-
-QByteArray fileBytes(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 // Counts the bytes an element's source pad passes downstream, and sees its end of stream (on
@@ -181,8 +176,8 @@ private slots:
         const QString wav = SteppedTone::file(SteppedTone::Format::Wav, kToneSeconds, &error);
         const QString mp3 = SteppedTone::file(SteppedTone::Format::Mp3, kToneSeconds, &error);
         QVERIFY2(!wav.isEmpty() && !mp3.isEmpty(), qPrintable(error));
-        mPcm = fileBytes(wav);
-        mMp3 = fileBytes(mp3);
+        mPcm = fileContents(wav);
+        mMp3 = fileContents(mp3);
         TestHttpResource silent;
         silent.icy = true;
         silent.stallAfter = 0;

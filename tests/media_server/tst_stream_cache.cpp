@@ -9,6 +9,7 @@
 #include "tests/support/TestConfig.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/SmallFileSystem.h"
+#include "tests/support/TestFiles.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -27,12 +28,6 @@ using MediaV2::StreamCache;
 namespace {
 
 constexpr qint64 kMiB = 1024 * 1024;
-
-QByteArray readAll(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 ino_t inodeOf(const QString& path)
 {
@@ -104,8 +99,8 @@ public:
     bool storeAndWait(const QString& key, const QString& file)
     {
         store(key, description(file, QFileInfo(file).size()));
-        const QByteArray bytes = readAll(file);
-        return QTest::qWaitFor([&] { return readAll(find(key).file) == bytes; }, 5000);
+        const QByteArray bytes = fileContents(file);
+        return QTest::qWaitFor([&] { return fileContents(find(key).file) == bytes; }, 5000);
     }
     void prune() { QMetaObject::invokeMethod(cache, "prune", Qt::QueuedConnection); }
 
@@ -193,7 +188,7 @@ private slots:
             QVERIFY(QFile::resize(stored, 100));
         const Answer answer = run.find(key);
         QCOMPARE(answer.inCache, hit);
-        QCOMPARE(readAll(answer.file), hit ? readAll(source) : QByteArray());
+        QCOMPARE(fileContents(answer.file), hit ? fileContents(source) : QByteArray());
         if (!tamper.isEmpty()) {
             QCOMPARE(sql(QStringLiteral("SELECT count(*) FROM streams")).toInt(), 0);
             QCOMPARE(streamFiles(), QStringList());
@@ -259,7 +254,7 @@ private slots:
         run.store(QStringLiteral("k"), description(second, 5000));
         // Both stores are settled once each was entered or dropped as superseded.
         QTRY_COMPARE(mLog.lines().filter(QRegularExpression(QStringLiteral("stored k as|superseded"))).size(), 2);
-        QCOMPARE(readAll(run.find(QStringLiteral("k")).file), readAll(second));
+        QCOMPARE(fileContents(run.find(QStringLiteral("k")).file), fileContents(second));
         QCOMPARE(streamFiles().size(), 1);
     }
 
@@ -281,7 +276,7 @@ private slots:
         const QString stored = run.find(QStringLiteral("song")).file;
         QCOMPARE(inodeOf(stored) == inodeOf(source), sharesInode);
         QVERIFY(QFile::remove(source));   // the buffer may clean up: the cache keeps its bytes
-        QCOMPARE(readAll(stored).size(), kMiB + 7);
+        QCOMPARE(fileContents(stored).size(), kMiB + 7);
         QCOMPARE(streamFiles().filter(QStringLiteral(".part")), QStringList());
     }
 

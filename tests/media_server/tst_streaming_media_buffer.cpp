@@ -14,6 +14,7 @@
 #include "tests/support/TestConfig.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/SmallFileSystem.h"
+#include "tests/support/TestFiles.h"
 #include "tests/support/TestHttpServer.h"
 #include "vehicle/VehicleDataValues.h"
 
@@ -47,12 +48,6 @@ QByteArray resourceBytes(int size)
     for (int i = 0; i < size; ++i)
         bytes[i] = char(i * 31 % 251);
     return bytes;
-}
-
-QByteArray fileBytes(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 qint64 allocatedBytes(const QString& path)
@@ -167,7 +162,7 @@ class TestStreamingMediaBuffer : public QObject
     {
         QTRY_VERIFY_WITH_TIMEOUT(buffer.state() != StreamingMediaBuffer::Initializing && buffer.state() != StreamingMediaBuffer::Buffering, kWait);
         QCOMPARE(StreamingMediaBuffer::nameForState(buffer.state()), QStringLiteral("Finished"));
-        QVERIFY(fileBytes(buffer.cacheFile()) == body);
+        QVERIFY(fileContents(buffer.cacheFile()) == body);
     }
 
 private slots:
@@ -332,7 +327,9 @@ private slots:
         QCOMPARE(againLog.fractions, QList<qreal>{1.0});
         QVERIFY(mLog->hasLineContaining(QStringLiteral("already cached content")));
         QCOMPARE(mServer.requestCount(kItem), requestsBefore + 1);
-        QCOMPARE(storesOf(key), 1);
+        // A buffer runs only after the stream cache answered "not cached": the complete file is
+        // offered to it again, so an entry the cache lost comes back.
+        QTRY_COMPARE_WITH_TIMEOUT(storesOf(key), 2, kWait);
     }
 
     // However a download was cut off, it continues with a range request and ends
@@ -440,7 +437,7 @@ private slots:
         QVERIFY2(!said.filter(logged).isEmpty(), qPrintable(logged));
         QCOMPARE(mLog->assertMessages().size(), logged.startsWith(QLatin1String("Info file")) ? 1 : 0);
         if (range.isEmpty() && dataBytes >= 0)   // a new download never writes into a file the cache may share
-            QVERIFY(fileBytes(linked) == resource.body.left(dataBytes));
+            QVERIFY(fileContents(linked) == resource.body.left(dataBytes));
     }
 
     // A download that cannot go on ends in the state that names why, after the allowed retries.
@@ -500,7 +497,7 @@ private slots:
         QCOMPARE(mServer.requestCount(kItem) - requestsBefore, 2);
         QVERIFY(rangesAsked(mServer, kItem).last().startsWith(QLatin1String("bytes=")));
         QTRY_VERIFY_WITH_TIMEOUT(FileUtils::fileSize(buffer.cacheFile()) > 0, kWait);
-        const QByteArray kept = fileBytes(buffer.cacheFile());
+        const QByteArray kept = fileContents(buffer.cacheFile());
         QVERIFY(kept == resource.body.left(kept.size()));
         QCOMPARE(storesOf(QStringLiteral("full disk")), 0);
     }
@@ -608,7 +605,7 @@ private slots:
         if (handedOver == QLatin1String("nothing"))
             QVERIFY(mCache->stores().last().second.isEmpty());
         if (handedOver == QLatin1String("file"))
-            QVERIFY(fileBytes(preloader.cacheFile()) == resource.body);
+            QVERIFY(fileContents(preloader.cacheFile()) == resource.body);
         QVERIFY(!finished.wait(100));   // and only once
     }
     void aStoppedPreloadIsResumedByTheBuffer()

@@ -7,6 +7,7 @@
 #include "platform/io/ThreadedFileWriter.h"
 #include "platform/io/ThreadedIncrementalFileWriter.h"
 #include "tests/support/SmallFileSystem.h"
+#include "tests/support/TestFiles.h"
 
 #include <QTemporaryDir>
 #include <QtTest>
@@ -16,12 +17,6 @@
 #include <sys/stat.h>
 
 namespace {
-
-QByteArray readAll(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 // Waits for `count` reports and returns them as "bytes:error".
 QStringList reports(QSignalSpy& spy, int count)
@@ -80,7 +75,7 @@ private slots:
         writer.seek(10);
         writer.write("FIRST");
         QCOMPARE(reports(written, 3), (QStringList{"6:", "7:", "5:"}));
-        QCOMPARE(readAll(path), QByteArray("0123456789FIRST-second-"));
+        QCOMPARE(fileContents(path), QByteArray("0123456789FIRST-second-"));
     }
 
     // A player reading the growing file must never meet bytes that were not written.
@@ -107,7 +102,7 @@ private slots:
         QCOMPARE(reports(resized, 3).last(), QStringLiteral("400:"));
         writer.write("end");
         QCOMPARE(reports(written, 2).last(), QStringLiteral("3:"));
-        QCOMPARE(readAll(path), QByteArray(400, 'x') + "end");
+        QCOMPARE(fileContents(path), QByteArray(400, 'x') + "end");
     }
 
     void unwritablePlaceIsReported()
@@ -155,7 +150,7 @@ private slots:
                 writer.write(QByteArray(chunk, char('a' + i)));
             QCOMPARE(reports(written, 3), (QStringList{"49152:", "49152:", "-1:cannot write to " + path + ": File too large"}));
         }
-        QCOMPARE(readAll(path), QByteArray(chunk, 'a') + QByteArray(chunk, 'b'));
+        QCOMPARE(fileContents(path), QByteArray(chunk, 'a') + QByteArray(chunk, 'b'));
         writer.write("after");   // would land where the failed chunk belonged
         QVERIFY(reports(written, 4).last().startsWith(QLatin1String("-1:")));
         writer.seek(2 * chunk);  // the writer's owner says where writing goes on
@@ -204,7 +199,7 @@ private slots:
         writer.writeContent(QByteArray(5000, 'a'));
         writer.writeContent("{\"complete\":true}");
         QCOMPARE(reports(written, 2), (QStringList{"5000:", "17:"}));
-        QCOMPARE(readAll(path), QByteArray("{\"complete\":true}"));
+        QCOMPARE(fileContents(path), QByteArray("{\"complete\":true}"));
         QCOMPARE(FileUtils::plainFiles(mDir.path()).filter(QStringLiteral("info.txt.")), QStringList());
     }
 
