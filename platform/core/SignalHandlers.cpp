@@ -99,6 +99,7 @@ bool installQuitHandlers()
     new SignalNotifier(sQuitPipe[0], QCoreApplication::instance());
     installHandler(SIGTERM, onQuitSignal, SA_RESTART);
     installHandler(SIGINT, onQuitSignal, SA_RESTART);
+    installHandler(SIGHUP, onQuitSignal, SA_RESTART);   // logged and ignored by the notifier
     return true;
 }
 

@@ -3,6 +3,7 @@
 // Process signal policy, installed once at start-up after the QCoreApplication exists:
 // - SIGTERM and SIGINT end the event loop (through a self-pipe watched by the main thread), so
 //   shutdown runs its normal order and the process exits 0;
+// - SIGHUP is logged and ignored: a closing terminal must not end the service;
 // - SIGPIPE is ignored: a peer that goes away is an error return, not a dead process;
 // - SIGSEGV, SIGABRT, SIGBUS and SIGFPE write a backtrace to stderr with async-signal-safe
 //   calls and then end the process with the same signal (so a core dump and the exit status
