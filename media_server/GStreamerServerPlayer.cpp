@@ -15,7 +15,7 @@ namespace {
 
 // Every transition of the playback state machine in the log: on by default, because the state
 // history is the first thing needed when a field report says playback stopped.
-ConfigBoolValue sTracePlayerSm("media_server/trace_player_sm", true);
+ConfigBoolValue sTracePlayerSm("media_server/trace_player_sm", true, "log every transition of the playback state machine");
 
 // Requests come by queued invocation from the service on the main thread; a call from another
 // thread would race the engine and the machine, which are not locked.
@@ -173,6 +173,8 @@ bool GStreamerServerPlayer::startPlaying(qint64 milliSecondsPos)
         return true;
     }
     if (!mPlayer.play(startFrom(milliSecondsPos))) {
+        LOG_WARN << "play refused: the engine could not start playing in state " << MediaServerUtils::nameForState(currentState())
+                 << " (load an item first; the engine's reason is logged above)";
         state()->playFailed();
         return false;
     }
@@ -200,6 +202,7 @@ void GStreamerServerPlayer::pause()
         emit pauseComplete(true);
         state()->pauseSucceeded();
     } else if (!mPlayer.pause()) {
+        LOG_WARN << "pause refused: the engine could not pause (its reason is logged above)";
         emit pauseComplete(false);
         state()->pauseFailed();
     } else {
@@ -221,6 +224,7 @@ void GStreamerServerPlayer::seek(int milliSecondsPos)
     state()->seek();
     mItemStartMs = 0;
     if (!mPlayer.seek(milliSecondsPos)) {
+        LOG_WARN << "seek refused: the engine could not seek to " << milliSecondsPos << " ms (its reason is logged above)";
         emit seekComplete(false);
         state()->seekFailed();
         return;
@@ -251,6 +255,7 @@ void GStreamerServerPlayer::internalStop(const MediaPlaybackMetadata& item)
         emit stopComplete(true);
         state()->stopSucceeded();
     } else if (!mPlayer.stop()) {
+        LOG_WARN << "stop refused: the engine could not stop (its reason is logged above)";
         emit stopComplete(false);
         state()->stopFailed();
     } else {
@@ -264,6 +269,9 @@ void GStreamerServerPlayer::loadMedia(MediaPlaybackMetadata metadata, MediaPlayb
     ASSERT_MAIN_THREAD();
     LOG_INFO << "uri: " << metadata.url;
     LOG_INFO << "metadata: " << metadata.toJSON();
+    // Not refused: clients have always had the load accepted and the error published after.
+    if (metadata.url.isEmpty())
+        LOG_WARN << "the item has no url, so it will end in an error: send a JSON object with \"url\"";
     mPendingOnDeckMetadata = onDeckMetadata;
     const MediaServerState published = currentState();
     if (published != NoMedia && published != PlaybackComplete) {
@@ -273,6 +281,7 @@ void GStreamerServerPlayer::loadMedia(MediaPlaybackMetadata metadata, MediaPlayb
     state()->load();
     resetBroadcastedState();
     if (!mPlayer.setMedia(metadata, onDeckMetadata)) {
+        LOG_WARN << "load refused: the engine could not open " << metadata.url << " (its reason is logged above)";
         emit loadMediaComplete(false);
         state()->loadFailed();
         return;
