@@ -17,11 +17,16 @@ QString CommandLine::usage()
         "                     mediaserver/stream_cache_db_file is listed twice because it names\n"
         "                     both the stream cache's database and, through that file's folder\n"
         "                     plus streams/, where its files are kept\n"
+        "  --verbose          with --list-config: also what each setting governs, its unit and\n"
+        "                     its valid range\n"
         "  --version          print the version\n"
         "  --help             print this help\n"
         "\n"
-        "Exit status: 0 normal end (SIGTERM or SIGINT), 1 could not start, 2 bad command line\n"
-        "or setting.\n");
+        "Settings take true/false, yes/no, on/off or 1/0 for a bool; a value outside its range is\n"
+        "refused. SIGHUP is logged and ignored; SIGTERM and SIGINT end the server.\n"
+        "\n"
+        "Exit status: 0 normal end (SIGTERM or SIGINT), 1 could not start, 2 bad command line,\n"
+        "setting or settings file.\n");
 }
 
 QString CommandLine::version()
@@ -56,10 +61,16 @@ CommandLine::Action CommandLine::parse(int argc, const char* const* argv)
             return Version;
         if (arg == QLatin1String("--list-config"))
             action = ListConfig;
+        else if (arg == QLatin1String("--verbose"))
+            mVerbose = true;
         else if (!isPlatformOption(arg, &i, argc)) {
             mError = QStringLiteral("unknown argument \"%1\" (see --help)").arg(arg);
             return Invalid;
         }
+    }
+    if (mVerbose && action != ListConfig) {
+        mError = QStringLiteral("--verbose goes with --list-config");
+        return Invalid;
     }
     RuntimeEnv::Args args;
     if (!RuntimeEnv::parseArgs(argc, argv, &args, &mError))

@@ -2,7 +2,7 @@
 
 #include <QString>
 
-// The process's own command-line options (--help, --version, --list-config) and the check of
+// The process's own command-line options (--help, --version, --list-config [--verbose]) and the check of
 // the platform options (--config FILE, --set KEY=VALUE) before anything starts, so a mistyped
 // key or value stops the process with one clear line instead of running with a default.
 //
@@ -15,6 +15,8 @@ public:
     // Decides what the process should do; for Invalid, error() says why in one line.
     Action parse(int argc, const char* const* argv);
     QString error() const { return mError; }
+    // --verbose was given (with --list-config).
+    bool verbose() const { return mVerbose; }
 
     static QString usage();
     static QString version();
@@ -23,4 +25,5 @@ private:
     bool isPlatformOption(const QString& arg, int* index, int argc) const;
 
     QString mError;
+    bool mVerbose = false;
 };

@@ -143,7 +143,7 @@ int main(int argc, char** argv)
     case CommandLine::ListConfig:
         RuntimeEnv::instance()->setFromArgs(argc, argv);
         Logger::flush();
-        print(stdout, ConfigTable::text());
+        print(stdout, ConfigTable::text(commandLine.verbose()));
         return 0;
     case CommandLine::Run:
         break;

@@ -19,16 +19,12 @@ install(TARGETS ${CABIN_PROGRAMS} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(TARGETS ${CABIN_LIBRARIES} LIBRARY DESTINATION ${CABIN_LIBRARY_DIR})
 
 # systemd looks in lib/ under the prefix whatever the platform's library folder is called.
-# The unit names the program and the README by their paths under the prefix, which is only known
-# at install time (`cmake --install --prefix`): the shipped unit's /usr paths are rewritten then.
-install(CODE "
-  file(READ \"${CMAKE_SOURCE_DIR}/data/systemd/cabin-media-server.service\" unit)
-  string(REPLACE \"/usr/bin/\" \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/\" unit \"\${unit}\")
-  string(REPLACE \"/usr/share/doc/\" \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATADIR}/doc/\" unit \"\${unit}\")
-  set(target \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/lib/systemd/system/cabin-media-server.service\")
-  message(STATUS \"Installing: \${target}\")
-  file(WRITE \"\${target}\" \"\${unit}\")
-")
+# The unit names the program, the README and the settings file by their paths under the prefix,
+# which is only known at install time (`cmake --install --prefix`): it is written then.
+install(CODE "set(CABIN_SOURCE_DIR \"${CMAKE_SOURCE_DIR}\")
+  set(CABIN_BINDIR \"${CMAKE_INSTALL_BINDIR}\")
+  set(CABIN_DATADIR \"${CMAKE_INSTALL_DATADIR}\")")
+install(SCRIPT cmake/InstallSystemFiles.cmake)
 install(FILES data/systemd/cabin-media-server.sysusers.conf DESTINATION lib/sysusers.d RENAME cabin-media-server.conf)
 install(FILES data/dbus/com.kelvramotors.MediaServer2.conf DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/system.d)
 install(FILES data/bash-completion/cabin-media-server data/bash-completion/cabin-mediactl

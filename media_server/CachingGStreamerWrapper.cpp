@@ -20,18 +20,24 @@ namespace {
 
 // Pause when less than this much audio is downloaded ahead of the play position: enough to
 // ride out a short radio shadow without an audible gap.
-ConfigIntValue sUnderrunThresholdMs("media_buffer/underrun_threshold_ms", 5000);
+ConfigIntValue sUnderrunThresholdMs("media_buffer/underrun_threshold_ms", 5000,
+    "pause for buffering when less audio than this is downloaded ahead of the play position (ms)", ConfigRange<int>{0});
 // Resume after an underrun only with this much ahead, twice the pause threshold, so playback
 // does not stutter between pause and play on a marginal link.
-ConfigIntValue sResumePlayThresholdMs("media_buffer/resume_play_threshold_ms", 10000);
+ConfigIntValue sResumePlayThresholdMs("media_buffer/resume_play_threshold_ms", 10000,
+    "after an underrun, play again once this much audio is downloaded ahead (ms)", ConfigRange<int>{0});
 // Live streams through the in-memory FIFO; off until a deployment has verified its stations.
-ConfigBoolValue sAllowFifo("media_buffer/allow_fifo", false);
+ConfigBoolValue sAllowFifo("media_buffer/allow_fifo", false,
+    "play live streams through the in-memory FIFO that strips their in-stream titles");
 // A cache hit counts as a hit for statistics only when the entry was idle this long (seconds),
 // so replaying the same item at once is not reported as the cache saving a download.
-ConfigIntValue sCacheHitAccessTimeThreshold("mediaserver/cache_hit_access_time_threshold_seconds", 600);
+ConfigIntValue sCacheHitAccessTimeThreshold("mediaserver/cache_hit_access_time_threshold_seconds", 600,
+    "a cache hit counts in the statistics only when the entry was idle this long (s)", ConfigRange<int>{0});
 // Test overrides of the items' cache keys; empty means use the client's keys.
-ConfigStringValue sCacheKeyOverride("mediaserver/cache_key", QString());
-ConfigStringValue sPreloadCacheKeyOverride("mediaserver/preload_cache_key", QString());
+ConfigStringValue sCacheKeyOverride("mediaserver/cache_key", QString(),
+    "test override of every item's cache key; empty: the client's keys");
+ConfigStringValue sPreloadCacheKeyOverride("mediaserver/preload_cache_key", QString(),
+    "test override of every preloaded item's cache key; empty: the client's keys");
 
 } // namespace
 

@@ -17,9 +17,11 @@ namespace {
 
 // Ring capacity in bytes: about a minute of 128 kbit/s audio, so a slow pipeline start never
 // makes the network side drop data.
-ConfigIntValue sRingBufferSize("media_fifo/ring_buffer_size", 1048576);
+ConfigIntValue sRingBufferSize("media_fifo/ring_buffer_size", 1048576,
+    "capacity of a live stream's in-memory FIFO (bytes)", ConfigRange<int>{1});
 // Bytes queued before pushing starts or resumes: a few seconds at common live bit rates.
-ConfigIntValue sBufferSize("media_fifo/buffer_size", 51200);
+ConfigIntValue sBufferSize("media_fifo/buffer_size", 51200,
+    "bytes a live stream queues before the decoder is fed, at start and after a stall (bytes)", ConfigRange<int>{1});
 
 } // namespace
 

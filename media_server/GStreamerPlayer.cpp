@@ -14,15 +14,20 @@ namespace {
 
 // Bus messages are polled, not watched: a quarter second keeps state changes prompt without
 // waking the CPU more than needed.
-ConfigIntValue sBusPollInterval("gstreamer/bus_poll_interval", 250);
+ConfigIntValue sBusPollInterval("gstreamer/bus_poll_interval", 250,
+    "how often the engine reads its pipeline's messages (ms)", ConfigRange<int>{1});
 // Position reports while playing, in ms: twice a second is smooth enough for a progress bar.
-ConfigIntValue sProgressPollInterval("gstreamer/progress_poll_interval", 500);
+ConfigIntValue sProgressPollInterval("gstreamer/progress_poll_interval", 500,
+    "how often the play position is read while playing (ms)", ConfigRange<int>{1});
 // Verbosity of the engine's own log lines: 0 volume and seeks, 1 adds tags, durations and end
 // of stream, 2 adds buffering and every element's state change.
-ConfigIntValue sLogLevel("gstreamer/log_level", 1);
-ConfigRealValue sVolume("gstreamer/volume", 1.0);
+ConfigIntValue sLogLevel("gstreamer/log_level", 1,
+    "detail of the engine's own log lines: 0 volume and seeks, 1 adds tags and end of stream, 2 adds buffering and state changes", ConfigRange<int>{0, 2});
+ConfigRealValue sVolume("gstreamer/volume", 1.0,
+    "the listener's level: 1.0 as recorded, 0.0 silent, above 1.0 amplifies (factor)", ConfigRange<double>{0.0, 10.0});
 // Plays this URL instead of every item's, to try a stream without a client.
-ConfigStringValue sOverrideUrl("gstreamer/override_url", QString());
+ConfigStringValue sOverrideUrl("gstreamer/override_url", QString(),
+    "play this URL instead of every item's, to try a stream without a client");
 constexpr qint64 kNanosPerMilli = 1000000;
 
 // The name of an enumeration value; an unknown value is reported and named "".

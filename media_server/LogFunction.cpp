@@ -7,7 +7,8 @@ namespace {
 
 // GStreamer's own debug log routed into ours when above 0: 1 errors, 2 warnings, 3 fix-me,
 // 4 and up info and finer. Off by default: it is verbose and costs CPU on the audio path.
-ConfigIntValue sExtendedLogLevel("gstreamer/extended_log_level", 0);
+ConfigIntValue sExtendedLogLevel("gstreamer/extended_log_level", 0,
+    "GStreamer's own debug log in ours: 0 off, 1 errors, 2 warnings, 3 fix-me, 4 and up info and finer", ConfigRange<int>{0, 9});
 
 } // namespace
 

@@ -9,14 +9,19 @@
 namespace {
 
 // Periods in milliseconds. A message also goes out whenever one of its values changes.
-ConfigIntValue sLowFrequency("data_pub/MediaServer2_low_frequency", 250);
+ConfigIntValue sLowFrequency("data_pub/MediaServer2_low_frequency", 250,
+    "how often changed MediaServer2 messages are sent at the latest (ms)", ConfigRange<int>{1});
 // The least spacing of two sends of the same message: a burst of changes is one message.
-ConfigIntValue sRateLimitTime("data_pub/MediaServer2_rate_limit_time", 10);
+ConfigIntValue sRateLimitTime("data_pub/MediaServer2_rate_limit_time", 10,
+    "least spacing of two sends of one MediaServer2 message (ms)", ConfigRange<int>{0});
 // Twice a second keeps a progress bar moving while the download is quiet.
-ConfigIntValue sBufferStatusFrequency("data_pub/MediaServer2BufferStatus_frequency", 500);
+ConfigIntValue sBufferStatusFrequency("data_pub/MediaServer2BufferStatus_frequency", 500,
+    "MediaServer2BufferStatus also sent this often; 0: on change only (ms)", ConfigRange<int>{0});
 // 0: the position is sent on change only (it changes twice a second while playing).
-ConfigIntValue sPlaybackStatusFrequency("data_pub/MediaServer2PlaybackStatus_frequency", 0);
-ConfigIntValue sInfoFrequency("data_pub/MediaServer2Info_frequency", 1000);
+ConfigIntValue sPlaybackStatusFrequency("data_pub/MediaServer2PlaybackStatus_frequency", 0,
+    "MediaServer2PlaybackStatus also sent this often; 0: on change only (ms)", ConfigRange<int>{0});
+ConfigIntValue sInfoFrequency("data_pub/MediaServer2Info_frequency", 1000,
+    "MediaServer2Info also sent this often; 0: on change only (ms)", ConfigRange<int>{0});
 
 const QString kBufferStatus = QStringLiteral("MediaServer2BufferStatus");
 const QString kPlaybackStatus = QStringLiteral("MediaServer2PlaybackStatus");

@@ -10,10 +10,13 @@
 namespace {
 
 // Periods in milliseconds.
-ConfigIntValue sLowFrequency("data_pub/MediaServer2Stats_low_frequency", 1000);
-ConfigIntValue sRateLimitTime("data_pub/MediaServer2Stats_rate_limit_time", 10);
+ConfigIntValue sLowFrequency("data_pub/MediaServer2Stats_low_frequency", 1000,
+    "how often changed MediaServer2Stats messages are sent at the latest (ms)", ConfigRange<int>{1});
+ConfigIntValue sRateLimitTime("data_pub/MediaServer2Stats_rate_limit_time", 10,
+    "least spacing of two sends of one MediaServer2Stats message (ms)", ConfigRange<int>{0});
 // Traffic totals change constantly while downloading; every 10 s is enough for statistics.
-ConfigIntValue sNetStatsFrequency("data_pub/MediaServer2NetStats_frequency", 10000);
+ConfigIntValue sNetStatsFrequency("data_pub/MediaServer2NetStats_frequency", 10000,
+    "MediaServer2NetStats also sent this often; 0: on change only (ms)", ConfigRange<int>{0});
 
 const QString kNetStats = QStringLiteral("MediaServer2NetStats");
 

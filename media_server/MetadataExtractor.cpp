@@ -16,7 +16,8 @@ namespace {
 // How titles are decoded: "latin1" (what the protocol meant), "utf8", or "auto" (UTF-8 when
 // the bytes are valid UTF-8). Latin-1 by default so that a station's accented titles never
 // come out as replacement characters; "auto" suits most stations today.
-ConfigStringValue sTitleCharset("media_fifo/title_charset", QStringLiteral("latin1"));
+ConfigStringValue sTitleCharset("media_fifo/title_charset", QStringLiteral("latin1"),
+    "how in-stream titles are decoded: latin1, utf8 or auto (UTF-8 when valid)");
 
 QString decodeTitleText(const QByteArray& bytes)
 {

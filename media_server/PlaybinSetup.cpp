@@ -7,7 +7,8 @@ namespace {
 
 // A bin description for the audio sink; empty means the default, "autoaudiosink". Tests and
 // the demo record to a file with it.
-ConfigStringValue sAudioSink("gstreamer/audio_sink", QString());
+ConfigStringValue sAudioSink("gstreamer/audio_sink", QString(),
+    "GStreamer bin description of the audio output; empty: autoaudiosink");
 
 // playbin3's flags: audio output, and the software volume it would insert (see applyAudioSink).
 constexpr guint kPlayFlagAudio = 0x2;

@@ -27,22 +27,28 @@
 namespace {
 
 // Disk space the cache may use, in MB: a few hundred items of typical length.
-ConfigIntValue sMaxDiskCacheSize("mediaserver/maxDiskCacheSize", 2000);
+ConfigIntValue sMaxDiskCacheSize("mediaserver/maxDiskCacheSize", 2000,
+    "disk space the stream cache may use (MB)", ConfigRange<int>{0});
 // Number of items the cache may hold, whatever their size.
-ConfigUnsignedIntValue sMaxDiskCacheCount("mediaserver/maxDiskCacheCount", 1000);
+ConfigUnsignedIntValue sMaxDiskCacheCount("mediaserver/maxDiskCacheCount", 1000, "number of items the stream cache may hold");
 // Copies into the cache at once (downloads on another file system than the cache): each one
 // streams a whole file, and more than a few would only compete for the same disk.
-ConfigIntValue sMaxAsyncLoad("mediaserver/stream_cache_max_async_load", 3);
+ConfigIntValue sMaxAsyncLoad("mediaserver/stream_cache_max_async_load", 3,
+    "copies into the stream cache at once", ConfigRange<int>{1});
 // One line per lookup, store and removal, for following what the cache decides.
-ConfigBoolValue sDebugLog("mediaserver/stream_cache_debug_log", false);
+ConfigBoolValue sDebugLog("mediaserver/stream_cache_debug_log", false, "one log line per stream cache lookup, store and removal");
 // Seconds after which an entry expires: 30 days.
-ConfigUnsignedIntValue sItemExpiration("mediaserver/stream_cache_item_expiration", 2592000);
+ConfigUnsignedIntValue sItemExpiration("mediaserver/stream_cache_item_expiration", 2592000,
+    "age after which a stream cache entry expires (s)");
 // Free disk space (MB) the cache always leaves for the rest of the system.
-ConfigIntValue sRequiredFreeDiskSpace("mediaserver/stream_cache_required_free_disk_space_mb", 300);
+ConfigIntValue sRequiredFreeDiskSpace("mediaserver/stream_cache_required_free_disk_space_mb", 300,
+    "free disk space the stream cache always leaves (MB)", ConfigRange<int>{0});
 // Pretends the disk has this much free space (MB) to test pruning; -1 reads the real figure.
-ConfigIntValue sDebugFreeDiskSpace("mediaserver/stream_cache_debug_free_disk_space_mb", -1);
+ConfigIntValue sDebugFreeDiskSpace("mediaserver/stream_cache_debug_free_disk_space_mb", -1,
+    "pretend the disk has this much free space, to test pruning; -1: the real figure (MB)", ConfigRange<int>{-1});
 // How often the cache prunes itself (ms).
-ConfigIntValue sPruneTimerMs("mediaserver/stream_cache_prune_timer_ms", 60000);
+ConfigIntValue sPruneTimerMs("mediaserver/stream_cache_prune_timer_ms", 60000,
+    "how often the stream cache prunes itself (ms)", ConfigRange<int>{1});
 
 constexpr qint64 kBytesPerMb = 1024 * 1024;
 // Entries fetched per step while pruning: a pass seldom removes more than a few.

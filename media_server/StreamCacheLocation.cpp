@@ -13,8 +13,10 @@ namespace {
 // live in its folder's "streams/". Unset, both follow "storage/stream_cache_folder"; the
 // defaults shown here are spelled from the cache root because asking StorageUtils for the
 // folder would create it while merely listing the settings.
-ConfigStringValue sDbFile("mediaserver/stream_cache_db_file", StorageUtils::cacheRoot() + QStringLiteral("/stream_cache/stream_cache.db"));
-ConfigStringValue sStreamFolder("mediaserver/stream_cache_db_file", StorageUtils::cacheRoot() + QStringLiteral("/stream_cache/streams/"));
+ConfigStringValue sDbFile("mediaserver/stream_cache_db_file", StorageUtils::cacheRoot() + QStringLiteral("/stream_cache/stream_cache.db"),
+    "the stream cache's database file; its folder's streams/ holds the cached files");
+ConfigStringValue sStreamFolder("mediaserver/stream_cache_db_file", StorageUtils::cacheRoot() + QStringLiteral("/stream_cache/streams/"),
+    "the stream cache's database file (this line: the streams/ folder beside it)");
 
 // The key as set, empty when it is not: the two objects' defaults differ, their settings never.
 QString setPath()

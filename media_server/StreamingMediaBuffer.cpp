@@ -20,7 +20,8 @@ namespace {
 
 // Bytes on disk before playback may start: the decoder's first reads plus a few seconds of
 // headroom at common bit rates (10 s of 128 kbit/s audio).
-ConfigIntValue sInitialThreshold("media_buffer/initial_threshold_bytes", 160000);
+ConfigIntValue sInitialThreshold("media_buffer/initial_threshold_bytes", 160000,
+    "bytes on disk before a buffered item may start playing (bytes)", ConfigRange<int>{0});
 // The fraction shown while the download runs never reads as complete: listeners treat 1.0 as
 // "every byte on disk", which only Finished guarantees.
 constexpr qreal kProgressBeforeFinished = 0.999;

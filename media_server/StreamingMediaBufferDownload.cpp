@@ -18,11 +18,13 @@ namespace {
 
 // Resumptions of a broken download before the item fails: enough for a tunnel, not so many
 // that a dead server keeps the driver waiting.
-ConfigIntValue sDownloadRetries("media_buffer/download_retries", 3);
+ConfigIntValue sDownloadRetries("media_buffer/download_retries", 3,
+    "resumptions of a broken download before the item fails", ConfigRange<int>{0});
 // Response headers in the log, for diagnosing servers; off because they are long.
-ConfigBoolValue sHeaderDebug("media_buffer/header_debug", false);
+ConfigBoolValue sHeaderDebug("media_buffer/header_debug", false, "log the response headers of every download");
 // Milliseconds without data before a download is abandoned and retried.
-ConfigIntValue sDownloadTimeout("media_buffer/download_timeout", 10000);
+ConfigIntValue sDownloadTimeout("media_buffer/download_timeout", 10000,
+    "time without data after which a download is abandoned and retried (ms)", ConfigRange<int>{1});
 
 constexpr int kHttpForbidden = 403;
 

@@ -18,7 +18,7 @@ using namespace MediaV2;
 
 namespace {
 
-ConfigBoolValue sEnabled("mpris/enabled", true);
+ConfigBoolValue sEnabled("mpris/enabled", true, "offer the desktop media-player interface (MPRIS2) for playerctl and media keys");
 
 const char kPlayerInterface[] = "org.mpris.MediaPlayer2.Player";
 

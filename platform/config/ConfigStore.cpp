@@ -91,9 +91,11 @@ bool ConfigStore::checkValueLocked(const QString& key, const QString& text, QStr
             continue;
         known = true;
         if (!value->accepts(text)) {
-            if (error)
-                *error = QStringLiteral("configuration key \"%1\" expects %2, got \"%3\"")
-                             .arg(key, QString::fromLatin1(value->typeName()), text);
+            if (error) {
+                const QString range = value->rangeText();
+                const QString expected = QString::fromLatin1(value->typeName()) + (range.isEmpty() ? QString() : QLatin1Char(' ') + range);
+                *error = QStringLiteral("configuration key \"%1\" expects %2, got \"%3\"").arg(key, expected, text);
+            }
             return false;
         }
     }
@@ -150,15 +152,50 @@ QStringList keysCutBySemicolon(const QString& path)
     return keys;
 }
 
+// The number of the first line that is none of: blank, a ";" or "#" comment, "[section]",
+// "key=value" with a key; 0 when every line is one of them.
+int firstMalformedLine(const QByteArray& contents)
+{
+    const QList<QByteArray> lines = contents.split('\n');
+    for (int i = 0; i < lines.size(); ++i) {
+        const QByteArray line = lines.at(i).trimmed();
+        const bool fine = line.isEmpty() || line.startsWith(';') || line.startsWith('#')
+            || (line.startsWith('[') && line.endsWith(']')) || line.indexOf('=') > 0;
+        if (!fine)
+            return i + 1;
+    }
+    return 0;
+}
+
 } // namespace
+
+bool ConfigStore::checkSettingsFile(const QString& path, QString* error)
+{
+    const QFileInfo info(path);
+    if (!info.exists()) {
+        *error = QStringLiteral("settings file %1 does not exist").arg(path);
+        return false;
+    }
+    QFile file(path);
+    if (!info.isFile() || !file.open(QIODevice::ReadOnly | QIODevice::Text)) {
+        *error = QStringLiteral("settings file %1 is not readable: %2").arg(path, info.isFile() ? file.errorString() : QStringLiteral("not a file"));
+        return false;
+    }
+    const int bad = firstMalformedLine(file.readAll());
+    if (bad > 0) {
+        *error = QStringLiteral("settings file %1, line %2: neither [section], key=value nor a ; comment").arg(path).arg(bad);
+        return false;
+    }
+    return true;
+}
 
 bool ConfigStore::loadSettingsFile(const QString& path)
 {
-    QFileInfo info(path);
-    if (!info.exists())
+    if (!QFileInfo::exists(path))
         return false;
-    if (!info.isFile() || !info.isReadable()) {
-        LOG_WARN << "settings file " << path << " is not readable; using the defaults";
+    QString error;
+    if (!checkSettingsFile(path, &error)) {
+        LOG_WARN << error << "; using the defaults";
         return false;
     }
     QSettings settings(path, QSettings::IniFormat);

@@ -36,8 +36,11 @@ public:
     void unset(const QString& key);
     void clearOverrides();
 
+    // Whether the settings file exists, can be read, and holds only blank lines, comments,
+    // sections and key=value lines; *error says which, naming the first bad line, when not.
+    static bool checkSettingsFile(const QString& path, QString* error);
     // Applies an INI settings file ("[media_buffer]" then "initial_threshold_bytes=200000").
-    // A missing file is not an error (false, silently); an unreadable or malformed one is
+    // A missing file is not an error (false, silently); one that fails checkSettingsFile() is
     // logged once and ignored as a whole; an unknown key or a bad value is logged and skipped.
     bool loadSettingsFile(const QString& path);
 

@@ -2,9 +2,10 @@
 
 #include "platform/config/ConfigStore.h"
 
-ConfigValue::ConfigValue(const QString& key, const char* typeName)
+ConfigValue::ConfigValue(const QString& key, const char* typeName, const char* help)
     : mKey(key)
     , mTypeName(typeName)
+    , mHelp(help)
 {
     ConfigStore::instance()->registerValue(this);
 }

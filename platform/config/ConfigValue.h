@@ -14,7 +14,8 @@
 class ConfigValue
 {
 public:
-    ConfigValue(const QString& key, const char* typeName);
+    // help: what the value governs and its unit, one line for --list-config --verbose.
+    ConfigValue(const QString& key, const char* typeName, const char* help);
     virtual ~ConfigValue();
     ConfigValue(const ConfigValue&) = delete;
     ConfigValue& operator=(const ConfigValue&) = delete;
@@ -22,11 +23,15 @@ public:
     const QString& key() const { return mKey; }
     // "int", "unsigned int", "bool", "real" or "string".
     const char* typeName() const { return mTypeName; }
+    const char* help() const { return mHelp; }
     virtual QString defaultText() const = 0;
-    // Whether the text parses as this object's type.
+    // Whether the text parses as this object's type and lies within its range.
     virtual bool accepts(const QString& text) const = 0;
-    // The value in force, as text.
-    QString currentText() const;
+    // The valid range in words ("from 0.0 to 10.0", "at least 1"), empty when any value of the
+    // type is valid.
+    virtual QString rangeText() const { return QString(); }
+    // The value in force, as its type prints it ("yes" in force lists as "true").
+    virtual QString currentText() const;
 
 protected:
     // The override in force for the key, if any.
@@ -35,4 +40,5 @@ protected:
 private:
     const QString mKey;
     const char* const mTypeName;
+    const char* const mHelp;
 };

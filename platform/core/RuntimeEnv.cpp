@@ -67,6 +67,9 @@ bool RuntimeEnv::parseArgs(int argc, const char* const* argv, Args* args, QStrin
         if (takeOptionValue(arg, QStringLiteral("--config"), &i, argc, argv, &value, error)) {
             if (!error->isEmpty())
                 return false;
+            // Named on the command line, the file is a promise: only the default may be absent.
+            if (!ConfigStore::checkSettingsFile(value, error))
+                return false;
             args->configFile = value;
         } else if (takeOptionValue(arg, QStringLiteral("--set"), &i, argc, argv, &value, error)) {
             if (!error->isEmpty() || !addOverride(value, args, error))

@@ -11,8 +11,9 @@
 // Other arguments are left to the program.
 //
 // Thread: main thread, during start-up. Failure: parseArgs() and setFromArgs() refuse an
-// unknown key or a value that does not parse as the key's type with a one-line error() and
-// apply nothing; a bad settings file is logged and the defaults stay.
+// unknown key, a value that does not parse as the key's type or lies outside its range, and a
+// --config file that is missing, unreadable or malformed, with a one-line error() and apply
+// nothing; a bad default settings file is logged and the defaults stay.
 class RuntimeEnv
 {
 public:

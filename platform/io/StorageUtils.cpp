@@ -9,9 +9,12 @@ namespace {
 
 // The defaults follow the cache root of the environment the process starts in, so a systemd
 // unit with CacheDirectory= needs no configuration at all.
-ConfigStringValue sMediaCacheFolder("storage/media_cache_folder", StorageUtils::cacheRoot() + QStringLiteral("/media_cache"));
-ConfigStringValue sAlternateMediaCacheFolder("storage/alternate_media_cache_folder", StorageUtils::cacheRoot() + QStringLiteral("/media_cache_alt"));
-ConfigStringValue sStreamCacheFolder("storage/stream_cache_folder", StorageUtils::cacheRoot() + QStringLiteral("/stream_cache"));
+ConfigStringValue sMediaCacheFolder("storage/media_cache_folder", StorageUtils::cacheRoot() + QStringLiteral("/media_cache"),
+    "folder of the download buffers");
+ConfigStringValue sAlternateMediaCacheFolder("storage/alternate_media_cache_folder", StorageUtils::cacheRoot() + QStringLiteral("/media_cache_alt"),
+    "folder of the download buffers when the first cannot be used");
+ConfigStringValue sStreamCacheFolder("storage/stream_cache_folder", StorageUtils::cacheRoot() + QStringLiteral("/stream_cache"),
+    "folder of the stream cache, unless mediaserver/stream_cache_db_file names another");
 
 QString ensured(const QString& path)
 {

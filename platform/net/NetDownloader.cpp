@@ -15,10 +15,12 @@ namespace {
 
 // Some radio stations still serve broken certificates or only old TLS; true lets the items
 // that ask for it play anyway. Deployments that want strict TLS set it false.
-ConfigBoolValue sAllowInsecureTls("net/allow_insecure_tls", true);
+ConfigBoolValue sAllowInsecureTls("net/allow_insecure_tls", true,
+    "let items that ask for it play from servers with broken certificates or old TLS");
 // A PEM file of the certificate authorities to trust in place of the system's, for a fleet
 // whose servers carry certificates of its own authority; empty: the system's authorities.
-ConfigStringValue sCaFile("net/ca_file", QString());
+ConfigStringValue sCaFile("net/ca_file", QString(),
+    "PEM file of the certificate authorities to trust instead of the system's; empty: the system's");
 
 NetStats::ConnectionUsageDataValue* sNetStats = nullptr;   // main thread only
 

@@ -19,7 +19,7 @@
 namespace {
 
 // "session", "system", or a bus address such as "unix:path=/run/x".
-ConfigStringValue sBus("service/bus", QStringLiteral("session"));
+ConfigStringValue sBus("service/bus", QStringLiteral("session"), "the bus to serve on: session, system, or a bus address");
 
 } // namespace
 

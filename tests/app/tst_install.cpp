@@ -42,6 +42,10 @@ private slots:
         QTest::newRow("the unit starts the installed server")
             << "grep '^ExecStart=' lib/systemd/system/cabin-media-server.service | cut -d' ' -f1"
             << "ExecStart=" + mPrefix.path() + "/bin/cabin-media-server\n";
+        QTest::newRow("the unit names the shipped settings file, which the server accepts")
+            << "conf=$(grep -o -- '--config [^ ]*' lib/systemd/system/cabin-media-server.service | cut -d' ' -f2); "
+               "echo $conf; bin/cabin-media-server --config $conf --list-config | grep '^gstreamer/volume'"
+            << mPrefix.path() + "/etc/cabin-media-server/media.conf\ngstreamer/volume\treal\t1.0\t1.0\n";
         QTest::newRow("server runs") << "bin/cabin-media-server --version" << "cabin-media-server 0.1.0\n";
         QTest::newRow("client runs") << "bin/cabin-mediactl --help | sed -n 1p"
                                      << "Usage: cabin-mediactl [--bus ADDRESS] SUBCOMMAND [ARGS]\n";

@@ -76,18 +76,19 @@ class TestStartup : public QObject
 {
     Q_OBJECT
 private slots:
-    // Every key, sorted, with its type, default and current value, and nothing else: the current
-    // column is the default unless the settings file or --set (which wins) gives a value, and a
-    // key shared by two objects sets both of its lines.
+    // A header, then every key, sorted, with its type, default and current value, and nothing
+    // else: the current column is the default unless the settings file or --set (which wins)
+    // gives a value, printed as its type prints it ("yes" as "true"), and a key shared by two
+    // objects sets both of its lines.
     void listsEveryKeyWithTypeDefaultAndValue()
     {
         ServerProcess server;
-        server.writeFile(QStringLiteral("config/KelvraMotors/CabinMediaServer2.conf"), "[media_buffer]\ndownload_retries=5\nallow_fifo=true\n");
+        server.writeFile(QStringLiteral("config/KelvraMotors/CabinMediaServer2.conf"), "[media_buffer]\ndownload_retries=5\nallow_fifo=yes\n");
         QVERIFY(server.run({"--list-config", "--set", "media_buffer/download_retries=9", "--set=mediaserver/stream_cache_db_file=/data/cache.db"}));
         QCOMPARE(server.process().exitCode(), 0);
         const QHash<QString, QString> set{{"media_buffer/download_retries", "9"}, {"media_buffer/allow_fifo", "true"},
                                           {"mediaserver/stream_cache_db_file", "/data/cache.db"}};
-        QStringList expected;
+        QStringList expected{QStringLiteral("# key\ttype\tdefault\tcurrent")};
         for (const char* row : kTable) {
             const QString line = QString::fromLatin1(row).replace(QLatin1String("ROOT"), server.cacheRoot());
             const QString key = line.section(QLatin1Char('\t'), 0, 0);
@@ -95,16 +96,6 @@ private slots:
         }
         QCOMPARE(server.out().split(QLatin1Char('\n'), Qt::SkipEmptyParts), expected);
         QVERIFY2(!QDir(server.cacheRoot()).exists(), "listing the settings must not create folders");
-    }
-
-    void malformedSettingsFileLogsOnceAndKeepsDefaults()
-    {
-        ServerProcess server;
-        const QString path = server.writeFile(QStringLiteral("broken.conf"), "[media_buffer\ndownload_retries=8\n");
-        QVERIFY(server.run({"--list-config", "--config", path}));
-        QCOMPARE(server.process().exitCode(), 0);
-        QVERIFY(server.out().split(QLatin1Char('\n')).contains(QStringLiteral("media_buffer/download_retries\tint\t3\t3")));
-        QCOMPARE(logTexts(server), QStringList{"WARN loadSettingsFile(): settings file " + path + " is malformed; using the defaults"});
     }
 
     // Informational options print and exit 0; a bad command line is refused with exit 2 and one line.
@@ -120,10 +111,20 @@ private slots:
         QTest::newRow("unknown key") << QStringList{"--set", "media_buffer/no_such=1"} << 2 << QString()
             << refused.arg("unknown configuration key \"media_buffer/no_such\" (--list-config shows every key)");
         QTest::newRow("bad value refused even with --list-config") << QStringList{"--list-config", "--set=gstreamer/volume=loud"}
-            << 2 << QString() << refused.arg("configuration key \"gstreamer/volume\" expects real, got \"loud\"");
+            << 2 << QString() << refused.arg("configuration key \"gstreamer/volume\" expects real from 0.0 to 10.0, got \"loud\"");
         QTest::newRow("unknown option") << QStringList{"--play-now"} << 2 << QString()
                                         << refused.arg("unknown argument \"--play-now\" (see --help)");
         QTest::newRow("--set without value") << QStringList{"--set"} << 2 << QString() << refused.arg("--set needs a value");
+        QTest::newRow("value out of range") << QStringList{"--set", "gstreamer/volume=10.5"} << 2 << QString()
+            << refused.arg("configuration key \"gstreamer/volume\" expects real from 0.0 to 10.0, got \"10.5\"");
+        QTest::newRow("--verbose alone") << QStringList{"--verbose"} << 2 << QString() << refused.arg("--verbose goes with --list-config");
+        QTest::newRow("--config file missing") << QStringList{"--config", "/nonexistent/media.conf"} << 2 << QString()
+            << refused.arg("settings file /nonexistent/media.conf does not exist");
+        QTest::newRow("--config a folder") << QStringList{"--config=/"} << 2 << QString()
+            << refused.arg("settings file / is not readable: not a file");
+        // FILE stands for a file holding "[gstreamer]", "volume=2" and "volume 3".
+        QTest::newRow("--config file malformed") << QStringList{"--list-config", "--config", "FILE"} << 2 << QString()
+            << refused.arg("settings file FILE, line 3: neither [section], key=value nor a ; comment");
     }
     void commandLineEndsAtOnce()
     {
@@ -132,11 +133,26 @@ private slots:
         QFETCH(QString, out);
         QFETCH(QString, err);
         ServerProcess server;
-        QVERIFY(server.run(args));
+        const QString file = server.writeFile(QStringLiteral("given.conf"), "[gstreamer]\nvolume=2\nvolume 3\n");
+        QVERIFY(server.run(args.replaceInStrings(QStringLiteral("FILE"), file)));
         QCOMPARE(server.process().exitStatus(), QProcess::NormalExit);
         QCOMPARE(server.process().exitCode(), exitCode);
-        QCOMPARE(server.logLines().join(QLatin1Char('\n')), err);
+        QCOMPARE(server.logLines().join(QLatin1Char('\n')), err.replace(QStringLiteral("FILE"), file));
         QVERIFY2(out.isEmpty() ? server.out().isEmpty() : server.out().startsWith(out), qPrintable(server.out()));
+    }
+
+    // --verbose says for every key what it governs; a range, where there is one, ends the line.
+    void verboseListingDescribesEveryKey()
+    {
+        ServerProcess server;
+        QVERIFY(server.run({"--list-config", "--verbose"}));
+        QCOMPARE(server.process().exitCode(), 0);
+        const QStringList lines = server.out().split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        QCOMPARE(lines.size(), int(std::size(kTable)) + 1);   // the header
+        for (const QString& line : lines.mid(1))
+            QVERIFY2(line.count(QLatin1Char('\t')) == 4 && !line.section(QLatin1Char('\t'), 4).isEmpty(), qPrintable(line));
+        QVERIFY2(lines.filter(QRegularExpression(QStringLiteral("^gstreamer/volume\t.*; from 0.0 to 10.0$"))).size() == 1,
+                 qPrintable(server.out()));
     }
 
     void startsLogsAndExitsCleanlyOnSignal_data()
@@ -153,6 +169,10 @@ private slots:
         ServerProcess server;
         const QString path = server.writeFile(QStringLiteral("custom.conf"), "[gstreamer]\nvolume=0.5\n");
         QVERIFY(server.start({}, {"--config", path}));
+        // A closing terminal's SIGHUP is logged and the server serves on.
+        QCOMPARE(::kill(pid_t(server.process().processId()), SIGHUP), 0);
+        QTRY_VERIFY(server.logHas(QStringLiteral("received SIGHUP, ignored")));
+        QCOMPARE(server.request(QStringLiteral("ServiceStatus")).type(), QDBusMessage::ReplyMessage);
         QCOMPARE(::kill(pid_t(server.process().processId()), signalNumber), 0);
         QVERIFY(server.waitForExit());
         QCOMPARE(server.process().exitStatus(), QProcess::NormalExit);

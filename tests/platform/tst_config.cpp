@@ -163,9 +163,9 @@ private slots:
     {
         QTest::addColumn<QByteArray>("content");   // null: the path is a folder
         QTest::addColumn<QStringList>("logged");   // one line containing each; %1 is the path
-        const QStringList malformed{"%1 is malformed; using the defaults"};
-        QTest::newRow("line without key") << QByteArray("[test]\nint=99\njust words\n") << malformed;
-        QTest::newRow("not a file") << QByteArray() << QStringList{"%1 is not readable; using the defaults"};
+        QTest::newRow("line without key") << QByteArray("[test]\nint=99\njust words\n")
+                                          << QStringList{"%1, line 3: neither [section], key=value nor a ; comment; using the defaults"};
+        QTest::newRow("not a file") << QByteArray() << QStringList{"%1 is not readable: not a file; using the defaults"};
         QTest::newRow("bad lines only are skipped")
             << QByteArray("[test]\nint=abc\nbool=false\nunknown_key=1\nstring=audioconvert ! audio/x-raw,rate=44100 ! fakesink\n")
             << QStringList{"\"test/int\" expects int, got \"abc\"; keeping the default", "unknown configuration key \"test/unknown_key\""};
