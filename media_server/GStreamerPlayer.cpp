@@ -22,7 +22,7 @@ ConfigIntValue sProgressPollInterval("gstreamer/progress_poll_interval", 500,
 // Verbosity of the engine's own log lines: 0 volume and seeks, 1 adds tags, durations and end
 // of stream, 2 adds buffering and every element's state change.
 ConfigIntValue sLogLevel("gstreamer/log_level", 1,
-    "detail of the engine's own log lines: 0 volume and seeks, 1 adds tags and end of stream, 2 adds buffering and state changes", ConfigRange<int>{0, 2});
+    "detail of the engine's own log lines: below 0 fewest, 0 adds volume and seeks, 1 tags and end of stream, 2 buffering and state changes");
 ConfigRealValue sVolume("gstreamer/volume", 1.0,
     "the listener's level: 1.0 as recorded, 0.0 silent, above 1.0 amplifies (factor)", ConfigRange<double>{0.0, 10.0});
 // Plays this URL instead of every item's, to try a stream without a client.

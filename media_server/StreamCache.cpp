@@ -48,7 +48,7 @@ ConfigIntValue sDebugFreeDiskSpace("mediaserver/stream_cache_debug_free_disk_spa
     "pretend the disk has this much free space, to test pruning; -1: the real figure (MB)", ConfigRange<int>{-1});
 // How often the cache prunes itself (ms).
 ConfigIntValue sPruneTimerMs("mediaserver/stream_cache_prune_timer_ms", 60000,
-    "how often the stream cache prunes itself (ms)", ConfigRange<int>{1});
+    "how often the stream cache prunes itself; 0: only at start and after each store (ms)", ConfigRange<int>{0});
 
 constexpr qint64 kBytesPerMb = 1024 * 1024;
 // Entries fetched per step while pruning: a pass seldom removes more than a few.
