@@ -349,7 +349,6 @@ private:
         return answer("loadMedia", {current, onDeck});
     }
 
-    // The state is published now or, with `since` a log line number, was published since then.
     QList<int> secondsHeard() const
     {
         return WavReader::steppedSecondsIn(mWav);
