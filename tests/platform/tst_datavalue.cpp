@@ -76,23 +76,6 @@ private slots:
         QCOMPARE(value.variant().isValid(), value.isValid());
     }
 
-    void protectedValues()
-    {
-        const QString name = uniqueName("protected");
-        IntDataValue value(name, false, 1, 1, true);
-        value.setProtected(true);
-        LogCapture capture;
-        value.setProtectedValue(2);   // the allowed way: silent
-        QCOMPARE(capture.asserts().size(), 0);
-        value.setValue(8);
-        QCOMPARE(value.toString(), QString("8"));   // reported, and still made
-        value.setInvalid();                         // reported too
-        const QList<LogRecord> asserts = capture.asserts();
-        QCOMPARE(asserts.size(), 2);
-        QCOMPARE(asserts[0].message, QString("Protected data value %1 not set with setProtectedValue").arg(name));
-        QCOMPARE(asserts[1].message, asserts[0].message);
-    }
-
     void setFromVariant_data()
     {
         QTest::addColumn<QString>("kind");
