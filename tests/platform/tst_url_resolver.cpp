@@ -1,7 +1,5 @@
-// Playlist resolution against the loopback server: each playlist kind gives its first stream,
-// relative entries are resolved against where the playlist was finally found, every failure and
-// every entry of a scheme other than http or https answers with the requested URL, HLS playlists
-// and other URLs are answered unchanged, and there is always exactly one answer.
+// Playlist resolution against the loopback server. Every failure, and every entry of a scheme
+// other than http or https, answers with the requested URL; there is always exactly one answer.
 
 #include "platform/net/URLResolver.h"
 #include "tests/support/LogCapture.h"
