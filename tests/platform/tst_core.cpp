@@ -1,6 +1,5 @@
-// The process services: log line format and capture, assertions, the Qt message handler,
-// thread names, the stderr writer under a stalled reader, finalisers, singletons, named threads
-// and timers started from other threads.
+// The process services: the log line and its writer, assertions, Qt's messages, thread names,
+// finalisers, singletons, named threads, timers and trace tags.
 
 #include "platform/core/Finalizer.h"
 #include "platform/core/SimpleTThread.h"
@@ -57,12 +56,11 @@ class TestCore : public QObject
 {
     Q_OBJECT
 private slots:
-    // What reaches stderr: time, level, thread, function and the pieces as given.
     void lineHasTimeLevelThreadFunctionAndPieces()
     {
         const QString written = stderrOf(logFromHere);
-        static const QRegularExpression line(QStringLiteral(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z WARN \[main\] )"
-                                                            R"(logFromHere\(\): pieces 42 2\.5 true bytes -9000000000\n$)"));
+        static const QRegularExpression line(QStringLiteral("^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z WARN \\[main\\] "
+                                                            "logFromHere\\(\\): pieces 42 2\\.5 true bytes -9000000000\n$"));
         QVERIFY2(line.match(written).hasMatch(), qPrintable(written));
     }
 
@@ -86,8 +84,7 @@ private slots:
         QCOMPARE(written.count(QLatin1Char('\n')), 1);
     }
 
-    // A failed assertion is logged as an error naming the source from the build tree, and the
-    // program continues; a holding one logs nothing.
+    // A failed assertion is logged and the program continues; a holding one logs nothing.
     void assertionLogsItsTextsAndContinues()
     {
         LogCapture log;
@@ -169,8 +166,7 @@ private slots:
         QByteArray drained;
         {
             LogWriter writer(fds[1]);
-            // Far more than the pipe (64 KiB) and the writer's queue hold together: with a
-            // blocking design this loop would never finish.
+            // Far more than the pipe and the writer's queue hold: a blocking writer never finishes.
             const std::string line(1000, 'x');
             for (int i = 0; i < 5000; ++i)
                 writer.enqueue(line + "\n");
@@ -186,17 +182,14 @@ private slots:
             reader.join();
         }
         ::close(fds[0]);
-        // The notice is a line like any other, with time, level, thread and function; it comes
-        // first when the queue overflowed before the writer took its first batch.
-        static const QRegularExpression notice(QStringLiteral(R"((^|\n)\d{4}-\S+Z WARN \[LogWriter\] writeDroppedNotice\(\): )"
-                                                              R"(\d+ log lines dropped: stderr is not being read\n)"));
+        static const QRegularExpression notice(QStringLiteral("(^|\n)\\d{4}-\\S+Z WARN \\[LogWriter\\] writeDroppedNotice\\(\\): "
+                                                              "\\d+ log lines dropped: stderr is not being read\n"));
         QVERIFY(notice.match(QString::fromUtf8(drained)).hasMatch());
         QVERIFY(drained.endsWith("last line\n"));
         QVERIFY(drained.size() < 5000 * 1001);
     }
 
-    // Finalizers run newest first and once, a late one too; the singletons go newest first and
-    // threads made to stop at shutdown are stopped.
+    // Finalizers run newest first and once, a late one too, then the singletons, newest first.
     void finalizeRunsNewestFirstOnceAndStopsThreads()
     {
         Finalizer* finalizer = Finalizer::instance();

@@ -1,9 +1,5 @@
-// Downloads against the loopback test server: the whole body, the failures a radio listener
-// meets (error statuses, redirect loops, stalls, drops, no such host, nobody listening, schemes
-// other than http and https), what the TLS settings let through from a self-signed https server,
-// byte counting, a consumer slower than the network, a consumer that pauses, aborts, and restarts
-// that reuse addresses. Resuming with a range and ICY status lines
-// are proved where they are used: the stream buffer and the live stream FIFO suites.
+// Downloads against the loopback test server. Resuming with a range and ICY status lines are
+// proved where they are used: the stream buffer and the live stream FIFO suites.
 
 #include "platform/datavalue/ConnectionUsageDataValue.h"
 #include "platform/config/ConfigStore.h"
@@ -16,6 +12,7 @@
 #include <QtTest>
 
 #include <memory>
+#include <utility>
 
 namespace {
 
@@ -27,7 +24,6 @@ QByteArray pattern(int size)
     return bytes;
 }
 
-// One finished download: its status, body, final status code and the redirects it reported.
 // A download that never ended, or ended twice, has no status.
 struct Result
 {
@@ -119,16 +115,14 @@ private slots:
         serve("/loop", [](TestHttpResource& r) { r.redirectTo = "/loop"; });
         serve("/hop", [](TestHttpResource& r) { r.redirectTo = "/whole"; });
         serve("/toftp", [](TestHttpResource& r) { r.redirectTo = "ftp://127.0.0.1:9/x"; });
-        QVERIFY2(mCertificate.isValid(), qPrintable(mCertificate.error()));
-        mTlsServer.useTls(mCertificate.certificate(), mCertificate.key());
-        QVERIFY(mTlsServer.start());
         TestHttpResource whole;
         whole.body = mBody;
-        mTlsServer.setResource(QStringLiteral("/whole"), whole);
-        QVERIFY2(mOtherHostCertificate.isValid(), qPrintable(mOtherHostCertificate.error()));
-        mOtherHostServer.useTls(mOtherHostCertificate.certificate(), mOtherHostCertificate.key());
-        QVERIFY(mOtherHostServer.start());
-        mOtherHostServer.setResource(QStringLiteral("/whole"), whole);
+        for (auto [server, certificate] : {std::pair{&mTlsServer, &mCertificate}, std::pair{&mOtherHostServer, &mOtherHostCertificate}}) {
+            QVERIFY2(certificate->isValid(), qPrintable(certificate->error()));
+            server->useTls(certificate->certificate(), certificate->key());
+            QVERIFY(server->start());
+            server->setResource(QStringLiteral("/whole"), whole);
+        }
     }
 
     void endsWithItsStatus_data()
@@ -144,7 +138,6 @@ private slots:
         QTest::newRow("redirect loop ends") << base + "loop" << int(NetDownloader::TooManyRedirects) << 302 << "Number of redirects hit maximum amount";
         QTest::newRow("stall is a time-out") << base + "stall" << int(NetDownloader::Timeout) << 200 << "Timeout was reached";
         QTest::newRow("dropped connection") << base + "drop" << int(NetDownloader::NetworkError) << 200 << "Transferred a partial file";
-        QTest::newRow("no such host") << "http://nonexistent-host.invalid/x" << int(NetDownloader::NetworkError) << 0 << "Couldn't resolve host name";
         QTest::newRow("nobody listening") << "http://127.0.0.1:9/x" << int(NetDownloader::NetworkError) << 0 << "Couldn't connect to server";
         QTest::newRow("file scheme is refused") << "file:///etc/hostname" << int(NetDownloader::NetworkError) << 0 << "Unsupported protocol";
         QTest::newRow("redirect to ftp is refused") << base + "toftp" << int(NetDownloader::NetworkError) << 302 << "Unsupported protocol";
@@ -200,18 +193,12 @@ private slots:
             << "https" << false << false << true << false << 1 << sslError << 1 << QStringList{noSkip, noRetry};
         QTest::newRow("strict TLS still fetches plain http")
             << "http" << false << false << false << false << 1 << success << 0 << QStringList{noSkip};
-        QTest::newRow("verification refuses a self-signed certificate")
-            << "https" << false << true << false << true << 1 << sslError << 1 << QStringList();
         QTest::newRow("verification passes a certificate of a trusted authority")
             << "https" << true << true << false << true << 1 << success << 1 << QStringList();
         QTest::newRow("verification refuses a trusted certificate made out to another host")
             << "https other host" << true << true << false << true << 1 << sslError << 1 << QStringList();
-        QTest::newRow("an SSL error is retried once with TLS 1.0")
-            << "https" << false << true << true << true << 1 << sslError << 2 << QStringList();
-        QTest::newRow("the next download on the same downloader tries current TLS first again")
+        QTest::newRow("a refused certificate is retried once with TLS 1.0, again on the next download")
             << "https" << false << true << true << true << 2 << sslError << 4 << QStringList();
-        QTest::newRow("strict TLS does not retry with TLS 1.0")
-            << "https" << false << true << true << false << 1 << sslError << 1 << QStringList{noRetry};
     }
     // The TLS 1.0 retry's own outcome is not asserted beyond its status: OpenSSL 3 at its default
     // security level may refuse TLS 1.0 on either side, which is still an SSL error.
@@ -285,9 +272,7 @@ private slots:
         QTest::newRow("abort while paused drops the held bytes; resume brings nothing") << 3 << true;
     }
     // The receiver takes its time with every chunk while a server on another thread sends as fast
-    // as it can; the downloader pauses the transfer instead of piling up what arrives meanwhile.
-    // Meanwhile curl fills the pending bytes and pauses; the third chunk's delivery lets curl hand
-    // over what it held, so bytes are waiting when the consumer aborts.
+    // as it can, so bytes are waiting when the consumer aborts at the third chunk.
     void slowConsumerGetsBoundedChunksAndAbortEndsThem()
     {
         QFETCH(int, abortAt);
@@ -330,9 +315,8 @@ private slots:
         QTest::newRow("paused on the headers, with body bytes already waiting") << true;
         QTest::newRow("paused on the first chunk") << false;
     }
-    // A consumer whose disk falls behind pauses the download for longer than its stall time-out:
-    // nothing is delivered, the network is read no further than socket buffers and the pending
-    // limit allow, the download does not end; resume() then brings the whole body unchanged.
+    // A consumer whose disk falls behind pauses for longer than the stall time-out; the network
+    // is read no further than socket buffers and the pending limit allow.
     void consumerPauseHoldsTheNetwork()
     {
         QFETCH(bool, onHeaders);
