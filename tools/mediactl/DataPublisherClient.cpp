@@ -25,9 +25,10 @@ bool DataPublisherClient::assemble(const QString& message, QByteArray* body)
     QDBusMessage call = QDBusMessage::createMethodCall(QStringLiteral("com.kelvramotors.") + service, QLatin1Char('/') + service,
                                                        QLatin1String(kInterface), QStringLiteral("Assemble"));
     call.setArguments({message});
-    const QDBusMessage reply = mConnection.call(call, QDBus::Block, 5000);
+    const QDBusMessage reply = mConnection.call(call, QDBus::Block, kTimeoutMs);
     if (reply.type() == QDBusMessage::ErrorMessage) {
         mError = reply.errorMessage() + QStringLiteral(" (") + reply.errorName() + QLatin1Char(')');
+        mErrorName = reply.errorName();
         return false;
     }
     *body = reply.arguments().value(0).toByteArray();

@@ -10,7 +10,7 @@
 // every message either sends.
 //
 // Thread: main thread. Failure: every call returns false with error() set to one line (the
-// D-Bus error's text and name).
+// D-Bus error's text and name) and errorName() to the D-Bus error's name.
 class DataPublisherClient : public QObject
 {
     Q_OBJECT
@@ -22,6 +22,9 @@ public:
     // Emits arrived() for every Message signal on the bus from now on, whichever path sent it.
     bool subscribe();
     QString error() const { return mError; }
+    QString errorName() const { return mErrorName; }
+    // The server answers these calls from its main loop at once; longer than this, it is stuck.
+    static constexpr int kTimeoutMs = 5000;
 
 signals:
     void arrived(const QString& message, const QByteArray& body);
@@ -32,4 +35,5 @@ private slots:
 private:
     QDBusConnection mConnection;
     QString mError;
+    QString mErrorName;
 };

@@ -35,9 +35,10 @@ bool DataValuesClient::call(const QString& method, const QVariantList& arguments
     QDBusMessage message = QDBusMessage::createMethodCall(QLatin1String(kService), QLatin1String(kPath),
                                                           QLatin1String(kInterface), method);
     message.setArguments(arguments);
-    *reply = mConnection.call(message, QDBus::Block, 5000);
+    *reply = mConnection.call(message, QDBus::Block, kTimeoutMs);
     if (reply->type() == QDBusMessage::ErrorMessage) {
         mError = reply->errorMessage() + QStringLiteral(" (") + reply->errorName() + QLatin1Char(')');
+        mErrorName = reply->errorName();
         return false;
     }
     return true;
@@ -81,6 +82,11 @@ void DataValuesClient::onChanged(const QDBusMessage& message)
 {
     const QVariantList arguments = message.arguments();
     emit changed(arguments.value(0).toString(), arguments.value(1).toBool(), DBusValueForm::fromDBus(arguments.value(2)));
+}
+
+QString DataValuesClient::text(const QString& name, bool valid, const QVariant& value)
+{
+    return valid ? text(name, value) : QStringLiteral("-");
 }
 
 QString DataValuesClient::text(const QString& name, const QVariant& value)

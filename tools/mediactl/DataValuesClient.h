@@ -10,7 +10,7 @@
 // follow their changes.
 //
 // Thread: main thread. Failure: every call returns false with error() set to the D-Bus error's
-// one-line text.
+// one-line text and errorName() to its name.
 class DataValuesClient : public QObject
 {
     Q_OBJECT
@@ -23,9 +23,13 @@ public:
     // Emits changed() for every Changed signal of the server from now on.
     bool subscribe();
     QString error() const { return mError; }
+    QString errorName() const { return mErrorName; }
+    // The server answers these calls from its main loop at once; longer than this, it is stuck.
+    static constexpr int kTimeoutMs = 5000;
 
-    // How a value prints: the server state pair as "6,0 (Playing, NoError)", lists as
-    // "a,b", maps as "key=value" pairs, others as their text.
+    // How a value prints: "-" when it has none, the server state pair as
+    // "6,0 (Playing, NoError)", lists as "a,b", maps as "key=value" pairs, others as their text.
+    static QString text(const QString& name, bool valid, const QVariant& value);
     static QString text(const QString& name, const QVariant& value);
 
 signals:
@@ -39,4 +43,5 @@ private:
 
     QDBusConnection mConnection;
     QString mError;
+    QString mErrorName;
 };

@@ -2,26 +2,28 @@
 
 #include "media_server/gen/MediaServer2.h"
 #include "platform/config/ConfigStore.h"
-#include "platform/core/SignalHandlers.h"
 #include "platform/service/DBusServiceClient.h"
 #include "platform/service/ServiceManager.h"
 #include "tools/mediactl/DataPublisherClient.h"
 #include "tools/mediactl/DataValuesClient.h"
 #include "tools/mediactl/ItemOptions.h"
+#include "tools/mediactl/LoadProgress.h"
 #include "tools/mediactl/MediaCtlSupport.h"
-#include "tools/mediactl/StatusLine.h"
-#include "tools/mediactl/StatusMessageDecoder.h"
+#include "tools/mediactl/SubcommandLine.h"
 
-#include <QCommandLineParser>
 #include <QCoreApplication>
-#include <QEventLoop>
-#include <QRegularExpression>
-#include <QTimer>
+#include <QDBusConnectionInterface>
 
 #include <climits>
-#include <cstdio>
+#include <unistd.h>
 
 using namespace MediaCtlSupport;
+
+namespace {
+
+const char kServiceName[] = "com.kelvramotors.MediaServer2";
+
+} // namespace
 
 const QList<MediaCtl::Subcommand>& MediaCtl::subcommands()
 {
@@ -34,7 +36,7 @@ const QList<MediaCtl::Subcommand>& MediaCtl::subcommands()
         {"play-file", "play-file PATH", "Play a local media file.", &MediaCtl::playFile},
         {"stop-file", "stop-file", "Stop the local media file.", &MediaCtl::stopFile},
         {"service-status", "service-status", "Print the service statistics (JSON).", &MediaCtl::serviceStatus},
-        {"get", "get NAME", "Print a data value.", &MediaCtl::get},
+        {"get", "get NAME", "Print a data value (- when it has none).", &MediaCtl::get},
         {"set", "set NAME VALUE", "Set a data value other processes may write.", &MediaCtl::set},
         {"values", "values", "Print every data value, one per line.", &MediaCtl::values},
         {"wait", "wait NAME REGEX [--timeout S]", "Wait until a data value matches.", &MediaCtl::wait},
@@ -47,27 +49,56 @@ const QList<MediaCtl::Subcommand>& MediaCtl::subcommands()
 QString MediaCtl::usage()
 {
     QString text = QStringLiteral("Usage: cabin-mediactl [--bus ADDRESS] SUBCOMMAND [ARGS]\n"
+                                  "       cabin-mediactl --help | --version\n"
                                   "Drives a running cabin-media-server over D-Bus.\n\nSubcommands:\n");
     for (const Subcommand& sub : subcommands())
         text += QStringLiteral("  %1%2\n").arg(QString::fromLatin1(sub.synopsis), -34).arg(QString::fromLatin1(sub.description));
-    return text + QStringLiteral("\n--bus: \"session\" (default), \"system\" or a bus address.\n"
+    return text + QStringLiteral("\n--bus: \"session\" (default), \"system\" or a bus address such as unix:path=/run/bus.\n"
+                                 "SUBCOMMAND --help describes a subcommand.\n"
                                  "Exit status: 0 true, 1 false, 3 time-out, 2 usage or transport error.");
 }
 
-bool MediaCtl::takeBusOption(QStringList* args)
+bool MediaCtl::takeBus(const QString& address, int* status)
 {
-    for (int i = 0; i < args->size(); ++i) {
-        QString address;
-        if (args->at(i) == QLatin1String("--bus") && i + 1 < args->size()) {
-            address = args->at(i + 1);
-            args->remove(i, 2);
-        } else if (args->at(i).startsWith(QLatin1String("--bus="))) {
-            address = args->at(i).mid(6);
-            args->remove(i);
-        } else {
-            continue;
+    QString error;
+    // A bus address never starts with "-": that is the next option, and --bus was left empty.
+    if (address.isEmpty() || address.startsWith(QLatin1Char('-'))) {
+        *status = fail(QStringLiteral("--bus needs a value: session, system or a bus address (see --help)"));
+        return false;
+    }
+    if (!ConfigStore::instance()->set(QStringLiteral("service/bus"), address, &error)) {
+        *status = fail(QStringLiteral("--bus: ") + error);
+        return false;
+    }
+    mBus = address;
+    return true;
+}
+
+// The options before the subcommand; false when the caller should return *status at once.
+bool MediaCtl::takeGlobalOptions(QStringList* args, int* status)
+{
+    while (!args->isEmpty() && args->first().startsWith(QLatin1Char('-'))) {
+        const QString option = args->takeFirst();
+        if (option == QLatin1String("--help") || option == QLatin1String("-h")) {
+            say(stdout, usage());
+            *status = True;
+            return false;
         }
-        return ConfigStore::instance()->set(QStringLiteral("service/bus"), address, nullptr);
+        if (option == QLatin1String("--version")) {
+            say(stdout, QStringLiteral("cabin-mediactl " CABIN_VERSION));
+            *status = True;
+            return false;
+        }
+        if (option.startsWith(QLatin1String("--bus="))) {
+            if (!takeBus(option.mid(6), status))
+                return false;
+        } else if (option == QLatin1String("--bus")) {
+            if (!takeBus(args->isEmpty() ? QString() : args->takeFirst(), status))
+                return false;
+        } else {
+            *status = fail(QStringLiteral("unknown option \"%1\" (see --help)").arg(option));
+            return false;
+        }
     }
     return true;
 }
@@ -75,10 +106,12 @@ bool MediaCtl::takeBusOption(QStringList* args)
 int MediaCtl::run(const QStringList& arguments)
 {
     QStringList args = arguments;
-    takeBusOption(&args);
-    if (args.isEmpty() || args.first() == QLatin1String("--help") || args.first() == QLatin1String("-h")) {
-        say(args.isEmpty() ? stderr : stdout, usage());
-        return args.isEmpty() ? Failure : True;
+    int status = Failure;
+    if (!takeGlobalOptions(&args, &status))
+        return status;
+    if (args.isEmpty()) {
+        say(stderr, usage());
+        return Failure;
     }
     const QString name = args.takeFirst();
     for (const Subcommand& sub : subcommands())
@@ -87,97 +120,117 @@ int MediaCtl::run(const QStringList& arguments)
     return fail(QStringLiteral("unknown subcommand \"%1\" (see --help)").arg(name));
 }
 
+// A name nobody owns fails a request only when it is sent, and a watch on it would wait for
+// good: every subcommand meets the absent server here, with the same line.
 bool MediaCtl::connect()
 {
     QString error;
     if (!ServiceManager::instance()->connectBus(&error)) {
-        fail(error);
+        fail(QStringLiteral("cannot reach %1 (%2): is it running? --bus selects another bus")
+                 .arg(busName(mBus), ServiceManager::instance()->connection().lastError().message()));
+        return false;
+    }
+    const QDBusConnection connection = ServiceManager::instance()->connection();
+    const QDBusReply<bool> owned = connection.interface()->isServiceRegistered(QLatin1String(kServiceName));
+    if (owned.isValid() && !owned.value()) {
+        fail(transportProblem(mBus, QStringLiteral("org.freedesktop.DBus.Error.ServiceUnknown"), QString()));
         return false;
     }
     mProxy = new MediaServer2(ClientInstance, QCoreApplication::instance());
-    mValues = new DataValuesClient(ServiceManager::instance()->connection(), QCoreApplication::instance());
-    mPublishers = new DataPublisherClient(ServiceManager::instance()->connection(), QCoreApplication::instance());
+    mValues = new DataValuesClient(connection, QCoreApplication::instance());
+    mPublishers = new DataPublisherClient(connection, QCoreApplication::instance());
     return true;
 }
 
-// The answer of a bool request, or the failure that kept it from arriving.
-int MediaCtl::answerOf(bool answer, const ServiceCallContext& context)
+int MediaCtl::failCall(const QString& what, const QString& errorName, const QString& text, int timeoutMs) const
 {
-    if (context.error() == ServiceCallContext::Timeout) {
-        say(stderr, QStringLiteral("cabin-mediactl: %1: no answer within %2 ms").arg(context.method()).arg(mProxy->timeout(context.method())));
+    if (isTimeout(errorName)) {
+        say(stderr, QStringLiteral("cabin-mediactl: %1: no answer within %2 ms (cabin-media-server is busy or stuck: see its log)")
+                        .arg(what).arg(timeoutMs));
         return TimedOut;
     }
+    const QString problem = transportProblem(mBus, errorName, what);
+    return fail(problem.isEmpty() ? what + QStringLiteral(": ") + text : problem);
+}
+
+// The answer of a bool request, or the failure that kept it from arriving. A remote error's
+// text starts with the D-Bus error's name.
+int MediaCtl::answerOf(bool answer, const ServiceCallContext& context)
+{
+    const int timeoutMs = mProxy->timeout(context.method());
+    if (context.error() == ServiceCallContext::Timeout)
+        return failCall(context.method(), QStringLiteral("org.freedesktop.DBus.Error.NoReply"), QString(), timeoutMs);
+    if (context.error() == ServiceCallContext::RemoteError)
+        return failCall(context.method(), context.errorMessage().section(QStringLiteral(": "), 0, 0), context.errorMessage(), timeoutMs);
     if (context.error() != ServiceCallContext::NoError)
-        return fail(context.method() + QStringLiteral(": ") + context.errorMessage());
+        return failCall(context.method(), QString(), context.errorMessage(), timeoutMs);
     say(stdout, answer ? QStringLiteral("true") : QStringLiteral("false"));
     return answer ? True : False;
 }
 
 int MediaCtl::load(const QStringList& args)
 {
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Load an item (URL) and the item expected next."));
-    parser.addPositionalArgument(QStringLiteral("URL"), QStringLiteral("Address of the item (not needed with --json)."));
-    ItemOptions options;
-    options.addTo(&parser);
-    int result = Failure;
-    if (!parseSubcommand(&parser, QStringLiteral("load"), args, 0, 1, &result))
-        return result;
-    if (parser.positionalArguments().isEmpty() && !parser.isSet(QStringLiteral("json")))
-        return fail(QStringLiteral("load: give a URL or --json TEXT"));
-    QString item, onDeck, error;
-    if (!options.itemJson(parser, parser.positionalArguments().value(0), &item, &error) || !options.onDeckJson(parser, &onDeck, &error))
-        return fail(QStringLiteral("load: ") + error);
+    SubcommandLine line(QStringLiteral("load"), QStringLiteral("Load an item (URL) and the item expected next. On a terminal, one line\n"
+                                                               "shows the server state and how much is buffered until the item is\n"
+                                                               "Loaded, plays, or fails (exit status 1)."));
+    line.addArgument(QStringLiteral("URL"), QStringLiteral("Address of the item (not needed with --json)."));
+    line.addOptions(ItemOptions::options());
+    line.addOptions({{QStringLiteral("quiet"), QStringLiteral("Print nothing: the exit status answers.")}});
+    line.setNotes(QLatin1Char('\n') + ItemOptions::keysHelp() + stateNamesHelp());
+    int status = Failure;
+    if (!line.parse(args, 0, 1, &status))
+        return status;
+    if (line.arguments().isEmpty() && !line.isSet(QStringLiteral("json")))
+        return line.fail(QStringLiteral("give a URL or --json TEXT"));
+    QString item;
+    if (!ItemOptions::itemJson(line, line.arguments().value(0), &item) || !connect())
+        return Failure;
+    ServiceCallContext context(ServiceCallContext::Client);
+    const bool answer = mProxy->loadMedia(item, ItemOptions::onDeckJson(line), &context);
+    if (line.isSet(QStringLiteral("quiet")) && context.error() == ServiceCallContext::NoError)
+        return answer ? True : False;
+    if (!answer || context.error() != ServiceCallContext::NoError || !isatty(STDOUT_FILENO))
+        return answerOf(answer, context);
+    return LoadProgress(mValues).run();
+}
+
+// play and seek: one position in milliseconds, which the request carries as an int.
+int MediaCtl::positionRequest(SubcommandLine* line, const QStringList& args, int minArguments,
+                              bool (MediaServer2::*call)(const int&, ServiceCallContext*))
+{
+    int status = Failure;
+    if (!line->parse(args, minArguments, 1, &status))
+        return status;
+    qint64 position = 0;
+    if (!line->arguments().isEmpty() && !line->number(QStringLiteral("position"), line->arguments().first(), 0, INT_MAX, &position))
+        return Failure;
     if (!connect())
         return Failure;
     ServiceCallContext context(ServiceCallContext::Client);
-    return answerOf(mProxy->loadMedia(item, onDeck, &context), context);
+    return answerOf((mProxy->*call)(int(position), &context), context);
 }
 
 int MediaCtl::play(const QStringList& args)
 {
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Play from the position in milliseconds (default 0)."));
-    parser.addPositionalArgument(QStringLiteral("MS"), QStringLiteral("Start position in milliseconds."), QStringLiteral("[MS]"));
-    int result = Failure;
-    if (!parseSubcommand(&parser, QStringLiteral("play"), args, 0, 1, &result))
-        return result;
-    int position = 0;
-    if (!parser.positionalArguments().isEmpty() && !parseInt(parser.positionalArguments().first(), &position))
-        return fail(QStringLiteral("play: MS must be a number of milliseconds"));
-    if (!connect())
-        return Failure;
-    ServiceCallContext context(ServiceCallContext::Client);
-    return answerOf(mProxy->play(position, &context), context);
+    SubcommandLine line(QStringLiteral("play"), QStringLiteral("Play from the position in milliseconds (default 0: the item's own start)."));
+    line.addArgument(QStringLiteral("MS"), QStringLiteral("Start position in milliseconds, 0 or more."), QStringLiteral("[MS]"));
+    return positionRequest(&line, args, 0, &MediaServer2::play);
 }
 
 int MediaCtl::seek(const QStringList& args)
 {
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Seek to the position in milliseconds."));
-    parser.addPositionalArgument(QStringLiteral("MS"), QStringLiteral("Position in milliseconds."));
-    int result = Failure;
-    if (!parseSubcommand(&parser, QStringLiteral("seek"), args, 1, 1, &result))
-        return result;
-    int position = 0;
-    if (!parseInt(parser.positionalArguments().first(), &position))
-        return fail(QStringLiteral("seek: MS must be a number of milliseconds"));
-    if (!connect())
-        return Failure;
-    ServiceCallContext context(ServiceCallContext::Client);
-    return answerOf(mProxy->seek(position, &context), context);
+    SubcommandLine line(QStringLiteral("seek"), QStringLiteral("Seek to the position in milliseconds."));
+    line.addArgument(QStringLiteral("MS"), QStringLiteral("Position in milliseconds, 0 or more."));
+    return positionRequest(&line, args, 1, &MediaServer2::seek);
 }
 
 int MediaCtl::simpleRequest(const QString& name, const QString& description, const QStringList& args,
                             bool (MediaServer2::*call)(ServiceCallContext*))
 {
-    QCommandLineParser parser;
-    parser.setApplicationDescription(description);
-    int result = Failure;
-    if (!parseSubcommand(&parser, name, args, 0, 0, &result))
-        return result;
-    if (!connect())
-        return Failure;
+    SubcommandLine line(name, description);
+    int status = Failure;
+    if (!line.parse(args, 0, 0, &status) || !connect())
+        return status;
     ServiceCallContext context(ServiceCallContext::Client);
     return answerOf((mProxy->*call)(&context), context);
 }
@@ -199,202 +252,25 @@ int MediaCtl::stopFile(const QStringList& args)
 
 int MediaCtl::playFile(const QStringList& args)
 {
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Play a local media file."));
-    parser.addPositionalArgument(QStringLiteral("PATH"), QStringLiteral("The file."));
-    int result = Failure;
-    if (!parseSubcommand(&parser, QStringLiteral("play-file"), args, 1, 1, &result) || !connect())
-        return result;
+    SubcommandLine line(QStringLiteral("play-file"), QStringLiteral("Play a local media file over what plays (true: the request was taken)."));
+    line.addArgument(QStringLiteral("PATH"), QStringLiteral("The file, as the server's user sees it."));
+    int status = Failure;
+    if (!line.parse(args, 1, 1, &status) || !connect())
+        return status;
     ServiceCallContext context(ServiceCallContext::Client);
-    return answerOf(mProxy->playMediaFile(parser.positionalArguments().first(), &context), context);
+    return answerOf(mProxy->playMediaFile(line.arguments().first(), &context), context);
 }
 
 int MediaCtl::serviceStatus(const QStringList& args)
 {
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Print the service statistics (JSON)."));
-    int result = Failure;
-    if (!parseSubcommand(&parser, QStringLiteral("service-status"), args, 0, 0, &result) || !connect())
-        return result;
+    SubcommandLine line(QStringLiteral("service-status"), QStringLiteral("Print the service statistics (JSON)."));
+    int status = Failure;
+    if (!line.parse(args, 0, 0, &status) || !connect())
+        return status;
     ServiceCallContext context(ServiceCallContext::Client);
     context.initCall(QStringLiteral("MediaServer2"), QStringLiteral("ServiceStatus"), false, false, 0);
     if (!ServiceManager::instance()->client()->call(mProxy, &context))
         return answerOf(false, context);
     say(stdout, QString::fromUtf8(context.responseBody()));
-    return True;
-}
-
-int MediaCtl::get(const QStringList& args)
-{
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Print a data value (exit status 1 when it has none)."));
-    parser.addPositionalArgument(QStringLiteral("NAME"), QStringLiteral("The value's name, e.g. MEDIA2_serverState."));
-    int result = Failure;
-    if (!parseSubcommand(&parser, QStringLiteral("get"), args, 1, 1, &result) || !connect())
-        return result;
-    const QString name = parser.positionalArguments().first();
-    bool valid = false;
-    QVariant value;
-    if (!mValues->get(name, &valid, &value))
-        return fail(QStringLiteral("get: ") + mValues->error());
-    say(stdout, valid ? DataValuesClient::text(name, value) : QStringLiteral("invalid"));
-    return valid ? True : False;
-}
-
-int MediaCtl::set(const QStringList& args)
-{
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Set a data value other processes may write (e.g. GUI_canUseInternet false)."));
-    parser.addPositionalArgument(QStringLiteral("NAME"), QStringLiteral("The value's name."));
-    parser.addPositionalArgument(QStringLiteral("VALUE"), QStringLiteral("true/false, a number or a text."));
-    int result = Failure;
-    if (!parseSubcommand(&parser, QStringLiteral("set"), args, 2, 2, &result) || !connect())
-        return result;
-    if (!mValues->set(parser.positionalArguments().at(0), guessValue(parser.positionalArguments().at(1))))
-        return fail(QStringLiteral("set: ") + mValues->error());
-    return True;
-}
-
-int MediaCtl::values(const QStringList& args)
-{
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Print every data value, one per line: NAME, a tab, the value."));
-    int result = Failure;
-    if (!parseSubcommand(&parser, QStringLiteral("values"), args, 0, 0, &result) || !connect())
-        return result;
-    QStringList names;
-    if (!mValues->list(&names))
-        return fail(QStringLiteral("values: ") + mValues->error());
-    for (const QString& name : names) {
-        bool valid = false;
-        QVariant value;
-        if (!mValues->get(name, &valid, &value))
-            return fail(QStringLiteral("values: ") + mValues->error());
-        say(stdout, name + QLatin1Char('\t') + (valid ? DataValuesClient::text(name, value) : QStringLiteral("invalid")));
-    }
-    return True;
-}
-
-int MediaCtl::wait(const QStringList& args)
-{
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Wait until a data value's text matches REGEX (\"invalid\" while it has none)."));
-    parser.addPositionalArgument(QStringLiteral("NAME"), QStringLiteral("The value's name."));
-    parser.addPositionalArgument(QStringLiteral("REGEX"), QStringLiteral("A regular expression."));
-    parser.addOption({QStringLiteral("timeout"), QStringLiteral("Give up after S seconds (default 10)."), QStringLiteral("S"), QStringLiteral("10")});
-    int result = Failure;
-    if (!parseSubcommand(&parser, QStringLiteral("wait"), args, 2, 2, &result))
-        return result;
-    const QRegularExpression pattern(parser.positionalArguments().at(1));
-    bool ok = false;
-    const double seconds = parser.value(QStringLiteral("timeout")).toDouble(&ok);
-    if (!pattern.isValid() || !ok || seconds < 0)
-        return fail(QStringLiteral("wait: give a valid REGEX and --timeout in seconds"));
-    if (!connect())
-        return Failure;
-    return waitFor(parser.positionalArguments().at(0), pattern, int(seconds * 1000));
-}
-
-// Subscribes first, then reads the current value, so a change in between is not missed.
-int MediaCtl::waitFor(const QString& name, const QRegularExpression& pattern, int timeoutMs)
-{
-    if (!mValues->subscribe())
-        return fail(QStringLiteral("wait: ") + mValues->error());
-    QEventLoop loop;
-    int status = TimedOut;
-    auto check = [&](const QString& changedName, bool valid, const QVariant& value) {
-        const QString text = valid ? DataValuesClient::text(changedName, value) : QStringLiteral("invalid");
-        if (changedName == name && pattern.match(text).hasMatch()) {
-            say(stdout, text);
-            status = True;
-            loop.quit();
-        }
-    };
-    QObject::connect(mValues, &DataValuesClient::changed, &loop, check);
-    bool valid = false;
-    QVariant value;
-    if (!mValues->get(name, &valid, &value))
-        return fail(QStringLiteral("wait: ") + mValues->error());
-    check(name, valid, value);
-    if (status == True)
-        return True;
-    QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
-    loop.exec();
-    if (status == TimedOut)
-        say(stderr, QStringLiteral("cabin-mediactl: wait: %1 did not match within %2 ms").arg(name).arg(timeoutMs));
-    return status;
-}
-
-// One decoded line on stdout, flushed at once so a pipe sees each message as it comes; a body
-// that does not decode is one line on stderr.
-bool MediaCtl::printStatus(const QString& subcommand, const QString& message, const QByteArray& body, bool json)
-{
-    QList<StatusMessageDecoder::Value> values;
-    QString error;
-    if (!StatusMessageDecoder::decode(message, body, &values, &error)) {
-        fail(subcommand + QStringLiteral(": ") + error);
-        return false;
-    }
-    say(stdout, json ? StatusLine::json(message, values) : StatusLine::text(message, values));
-    std::fflush(stdout);
-    return true;
-}
-
-int MediaCtl::status(const QStringList& args)
-{
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Print every status message as the server assembles it now, one per line "
-                                                    "(\"-\" for a value that has none)."));
-    parser.addOption(jsonOption());
-    int result = Failure;
-    if (!parseSubcommand(&parser, QStringLiteral("status"), args, 0, 0, &result) || !connect())
-        return result;
-    for (const QString& message : StatusMessageDecoder::messageNames()) {
-        QByteArray body;
-        if (!mPublishers->assemble(message, &body))
-            return fail(QStringLiteral("status: ") + mPublishers->error());
-        if (!printStatus(QStringLiteral("status"), message, body, parser.isSet(QStringLiteral("json"))))
-            return Failure;
-    }
-    return True;
-}
-
-int MediaCtl::watch(const QStringList& args)
-{
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Print status messages as they arrive, one per line, until SIGINT or SIGTERM "
-                                                    "(\"-\" for a value that has none)."));
-    parser.addPositionalArgument(QStringLiteral("NAME"), QStringLiteral("Messages to show (default all): ")
-                                 + StatusMessageDecoder::messageNames().join(QStringLiteral(", ")), QStringLiteral("[NAME...]"));
-    parser.addOption(jsonOption());
-    parser.addOption({QStringLiteral("count"), QStringLiteral("Exit after N messages."), QStringLiteral("N")});
-    int result = Failure;
-    if (!parseSubcommand(&parser, QStringLiteral("watch"), args, 0, INT_MAX, &result))
-        return result;
-    const QStringList names = parser.positionalArguments().isEmpty() ? StatusMessageDecoder::messageNames() : parser.positionalArguments();
-    for (const QString& name : names)
-        if (!StatusMessageDecoder::messageNames().contains(name))
-            return fail(QStringLiteral("watch: unknown message \"%1\" (see cabin-mediactl watch --help)").arg(name));
-    int count = 0;
-    if (parser.isSet(QStringLiteral("count")) && (!parseInt(parser.value(QStringLiteral("count")), &count) || count < 1))
-        return fail(QStringLiteral("watch: --count must be a positive number"));
-    if (!connect())
-        return Failure;
-    if (!mPublishers->subscribe())
-        return fail(QStringLiteral("watch: ") + mPublishers->error());
-    return watchUntilDone(names, parser.isSet(QStringLiteral("json")), count);
-}
-
-// Runs until `count` messages have printed (0: no limit) or a quit signal ends the loop.
-int MediaCtl::watchUntilDone(const QStringList& names, bool json, int count)
-{
-    registerSignalHandlers();
-    int printed = 0;
-    QObject::connect(mPublishers, &DataPublisherClient::arrived, QCoreApplication::instance(),
-                     [&](const QString& message, const QByteArray& body) {
-                         if (names.contains(message) && printStatus(QStringLiteral("watch"), message, body, json) && ++printed == count)
-                             QCoreApplication::quit();
-                     });
-    QCoreApplication::exec();
     return True;
 }

@@ -16,8 +16,10 @@
 // how much audio is downloaded). --next names the item expected after it: it is preloaded once
 // the first download is complete and played after the first item, once its preload is over.
 // Each change of state, media status and download progress is printed as it happens.
+// The sink in use is printed first ("sink: ..."); an item that does not play ends with one line
+// on stderr saying so, after the engine's log.
 // Exit status: 0 when the item (every item) played to its end, or for the seconds asked; 1 on
-// a playback error; 2 on a usage error or a bad setting.
+// a playback error; 2 on a usage error, a missing file, an invalid sink or a bad setting.
 
 #include "media_server/CachingGStreamerWrapper.h"
 #include "media_server/GStreamerMediaFIFO.h"
@@ -27,13 +29,18 @@
 #include "platform/core/ProcessExit.h"
 #include "platform/core/RuntimeEnv.h"
 #include "platform/log/Logger.h"
+#include "tools/common/ShellNumber.h"
+#include "tools/common/ToolOutput.h"
 #include "tools/play/ItemSequencePlayer.h"
+
+#include <gst/gst.h>
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QFileInfo>
 #include <QTimer>
 
+#include <climits>
 #include <cstdio>
 
 using MediaV2::GStreamerMediaFIFO;
@@ -41,6 +48,14 @@ using MediaV2::GStreamerPlayer;
 using MediaV2::MediaPlaybackMetadata;
 
 namespace {
+
+const char kProgram[] = "cabin-play";
+
+const char kNotes[] =
+    "\nForms: ITEM plays a file or URL to its end; --live plays a radio station for --seconds;\n"
+    "--key plays through the source-selection wrapper (with --next, the item after it too).\n"
+    "Exit status: 0 played to the end (or for the seconds asked), 1 did not play to its end\n"
+    "(a playback error), 2 usage error, missing file, invalid sink or bad setting.";
 
 QUrl itemUrl(const QString& argument)
 {
@@ -123,8 +138,6 @@ int playThroughWrapper(const QCommandLineParser& parser)
 
 int play(const QCommandLineParser& parser)
 {
-    if (parser.isSet(QStringLiteral("sink")))
-        ConfigStore::instance()->set(QStringLiteral("gstreamer/audio_sink"), parser.value(QStringLiteral("sink")), nullptr);
     if (parser.isSet(QStringLiteral("live")))
         return playLive(parser.positionalArguments().first(), parser.value(QStringLiteral("seconds")).toInt());
     if (parser.isSet(QStringLiteral("key")))
@@ -137,10 +150,18 @@ int play(const QCommandLineParser& parser)
     return QCoreApplication::exec();
 }
 
-bool isCount(const QCommandLineParser& parser, const QString& option)
+// Why the number an option holds cannot be used; empty when it can.
+QString numberProblem(const QCommandLineParser& parser, const QString& option, qint64 min, qint64 max)
 {
-    bool ok = false;
-    return parser.value(option).toInt(&ok) >= 1 && ok;
+    qint64 value = 0;
+    const QString problem = ShellNumber::problem(parser.value(option), min, max, &value);
+    return problem.isEmpty() ? problem : QStringLiteral("--%1 %2").arg(option, problem);
+}
+
+// A local file that is not there; URLs are the engine's to try.
+QString missingFile(const QString& item)
+{
+    return QUrl(item).scheme().isEmpty() && !QFileInfo::exists(item) ? QStringLiteral("no such file: ") + item : QString();
 }
 
 // The reason the command line cannot be used, empty when it can.
@@ -148,21 +169,56 @@ QString usageError(const QCommandLineParser& parser)
 {
     if (parser.positionalArguments().size() != 1)
         return QStringLiteral("give one file or URL (see --help)");
-    if (!isCount(parser, QStringLiteral("seconds")))
-        return QStringLiteral("--seconds takes a whole number of seconds, 1 or more");
-    if (parser.isSet(QStringLiteral("key")) && !isCount(parser, QStringLiteral("duration")))
-        return QStringLiteral("--key needs --duration, the item's length in milliseconds");
-    if (parser.isSet(QStringLiteral("next"))
-        && (!parser.isSet(QStringLiteral("key")) || parser.value(QStringLiteral("next-key")).isEmpty()
-            || !isCount(parser, QStringLiteral("next-duration"))))
-        return QStringLiteral("--next needs --key, --next-key and --next-duration");
-    return QString();
+    const QString key = QStringLiteral("key"), next = QStringLiteral("next");
+    QStringList problems{numberProblem(parser, QStringLiteral("start"), 0, LLONG_MAX),
+                         numberProblem(parser, QStringLiteral("seconds"), 1, INT_MAX / 1000),
+                         missingFile(parser.positionalArguments().first())};
+    if (parser.isSet(key) && !parser.isSet(QStringLiteral("duration")))
+        problems.append(QStringLiteral("--key needs --duration, the item's length in milliseconds"));
+    if (parser.isSet(next) && (!parser.isSet(key) || parser.value(QStringLiteral("next-key")).isEmpty()
+                               || !parser.isSet(QStringLiteral("next-duration"))))
+        problems.append(QStringLiteral("--next needs --key, --next-key and --next-duration"));
+    if (parser.isSet(key))
+        problems << numberProblem(parser, QStringLiteral("duration"), 1, INT_MAX);
+    if (parser.isSet(next))
+        problems << numberProblem(parser, QStringLiteral("next-duration"), 1, INT_MAX) << missingFile(parser.value(next));
+    problems.removeAll(QString());
+    return problems.value(0);
+}
+
+// The sink the engine will use: --sink, else the setting, else GStreamer's default. An
+// invalid description is refused here: the engine would fall back to the default without a
+// word on stdout.
+bool chooseSink(const QCommandLineParser& parser, QString* error)
+{
+    const QString key = QStringLiteral("gstreamer/audio_sink");
+    if (parser.isSet(QStringLiteral("sink")))
+        ConfigStore::instance()->set(key, parser.value(QStringLiteral("sink")), nullptr);
+    QString sink;
+    if (!ConfigStore::instance()->lookup(key, &sink) || sink.isEmpty()) {
+        ToolOutput::printLine(QStringLiteral("sink: autoaudiosink (the default: the first sound output GStreamer finds)"));
+        return true;
+    }
+    gst_init(nullptr, nullptr);
+    GError* parseError = nullptr;
+    GstElement* bin = gst_parse_bin_from_description(qPrintable(sink), TRUE, &parseError);
+    if (bin)
+        gst_object_unref(bin);
+    if (parseError) {
+        *error = QStringLiteral("%1 \"%2\" is not a sink GStreamer can make: %3")
+                     .arg(parser.isSet(QStringLiteral("sink")) ? QStringLiteral("--sink") : key, sink, QString::fromUtf8(parseError->message));
+        g_error_free(parseError);
+        return false;
+    }
+    ToolOutput::printLine(QStringLiteral("sink: ") + sink);
+    return true;
 }
 
 void addOptions(QCommandLineParser* parser)
 {
-    parser->addHelpOption();
-    parser->addOption({QStringLiteral("sink"), QStringLiteral("Audio sink as a GStreamer bin description."), QStringLiteral("DESCRIPTION")});
+    // Qt's own help option adds --help-all, which lists Qt's options rather than ours.
+    parser->addOption({{QStringLiteral("h"), QStringLiteral("help")}, QStringLiteral("Show this help.")});
+    parser->addOption({QStringLiteral("sink"), QStringLiteral("Audio sink as a GStreamer bin description (default: the setting gstreamer/audio_sink, else autoaudiosink)."), QStringLiteral("DESCRIPTION")});
     parser->addOption({QStringLiteral("start"), QStringLiteral("Start position in milliseconds."), QStringLiteral("MS"), QStringLiteral("0")});
     parser->addOption({QStringLiteral("live"), QStringLiteral("Play URL as a radio station through the live-stream FIFO, printing its titles.")});
     parser->addOption({QStringLiteral("seconds"), QStringLiteral("With --live: stop after this many seconds."), QStringLiteral("N"), QStringLiteral("10")});
@@ -176,6 +232,19 @@ void addOptions(QCommandLineParser* parser)
     parser->addPositionalArgument(QStringLiteral("ITEM"), QStringLiteral("A file or a URL."));
 }
 
+// The command line's refusal, the help, or -1 to go on.
+int checkCommandLine(QCommandLineParser* parser, const QStringList& arguments)
+{
+    if (!parser->parse(arguments))
+        return ToolOutput::refuse(kProgram, ToolOutput::parseError(*parser) + QStringLiteral(" (see --help)"));
+    if (parser->isSet(QStringLiteral("help"))) {
+        std::printf("%s%s\n", qPrintable(parser->helpText()), kNotes);
+        return 0;
+    }
+    const QString error = usageError(*parser);
+    return error.isEmpty() ? -1 : ToolOutput::refuse(kProgram, error);
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -184,16 +253,17 @@ int main(int argc, char** argv)
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("Plays one item through the playback engine until it ends."));
     addOptions(&parser);
-    parser.process(app);
-    const QString error = usageError(parser);
-    if (!error.isEmpty()) {
-        std::fprintf(stderr, "cabin-play: %s\n", qPrintable(error));
-        return 2;
-    }
+    const int refused = checkCommandLine(&parser, app.arguments());
+    if (refused >= 0)
+        return refused;
     qInstallMessageHandler(&Logger::handleQtLogMessage);
-    if (!RuntimeEnv::instance()->setFromArgs(argc, argv)) {
-        std::fprintf(stderr, "cabin-play: %s\n", qPrintable(RuntimeEnv::instance()->error()));
-        return 2;
-    }
-    exitAfterShutdown(play(parser));
+    QString error;
+    if (!RuntimeEnv::instance()->setFromArgs(argc, argv))
+        return ToolOutput::refuse(kProgram, RuntimeEnv::instance()->error());
+    if (!chooseSink(parser, &error))
+        return ToolOutput::refuse(kProgram, error);
+    const int status = play(parser);
+    if (status != 0)
+        std::fprintf(stderr, "%s: %s did not play to its end (the log above says why)\n", kProgram, qPrintable(parser.positionalArguments().first()));
+    exitAfterShutdown(status);
 }

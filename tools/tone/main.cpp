@@ -8,30 +8,60 @@
 
 #include "tests/support/SteppedTone.h"
 #include "tests/support/WavReader.h"
+#include "tools/common/ShellNumber.h"
+#include "tools/common/ToolOutput.h"
 
 #include <QCoreApplication>
+#include <QHash>
 #include <QStringList>
 
 #include <cstdio>
 
 namespace {
 
+const char kProgram[] = "cabin-tone";
+
+// MP3 at 128 kbit/s keeps frequencies up to about 16 kHz: a longer item's last steps would be
+// cut by the encoder and could not be read back.
+constexpr double kTopHz = 16000;
+constexpr int kMaxSeconds = int((kTopHz - SteppedTone::kBaseHz) / SteppedTone::kStepHz);
+
+const char kHelp[] =
+    "Usage: cabin-tone make SECONDS [mp3|ogg|wav]\n"
+    "       cabin-tone seconds RECORDING.wav\n"
+    "Makes the stepped-tone items the tests use, and reads recordings of them: second k of\n"
+    "an item is a sine at 300 + 20 * k Hz, so a recording shows which second played when.\n"
+    "\n"
+    "  make SECONDS [FORMAT]   print the path of an item SECONDS seconds long (1 to %d),\n"
+    "                          generated on first use and cached; FORMAT mp3 (128 kbit/s,\n"
+    "                          the default), ogg (Vorbis) or wav (16-bit PCM), 44100 Hz mono\n"
+    "  seconds RECORDING.wav   print the recording's length and leading silence in seconds,\n"
+    "                          then for each second its dominant frequency in Hz and the\n"
+    "                          second of the item that frequency belongs to (-1: none)\n"
+    "\n"
+    "Exit status: 0 done, 1 failure (the item cannot be made, the recording cannot be read),\n"
+    "2 usage error.\n";
+
 int make(const QStringList& args)
 {
-    bool ok = false;
-    const int seconds = args.value(0).toInt(&ok);
-    const QString kind = args.value(1, QStringLiteral("mp3"));
-    const SteppedTone::Format format = kind == QLatin1String("ogg") ? SteppedTone::Format::Ogg
-        : kind == QLatin1String("wav")                               ? SteppedTone::Format::Wav
-                                                                     : SteppedTone::Format::Mp3;
-    if (!ok || seconds < 1) {
-        std::fputs("cabin-tone: make SECONDS [mp3|ogg|wav]\n", stderr);
-        return 2;
-    }
+    static const QHash<QString, SteppedTone::Format> formats{
+        {QStringLiteral("mp3"), SteppedTone::Format::Mp3},
+        {QStringLiteral("ogg"), SteppedTone::Format::Ogg},
+        {QStringLiteral("wav"), SteppedTone::Format::Wav},
+    };
+    if (args.isEmpty() || args.size() > 2)
+        return ToolOutput::refuse(kProgram, QStringLiteral("make takes SECONDS and an optional format (see --help)"));
+    qint64 seconds = 0;
+    const QString problem = ShellNumber::problem(args.first(), 1, kMaxSeconds, &seconds);
+    if (!problem.isEmpty())
+        return ToolOutput::refuse(kProgram, QStringLiteral("make: SECONDS ") + problem);
+    const QString format = args.value(1, QStringLiteral("mp3"));
+    if (!formats.contains(format))
+        return ToolOutput::refuse(kProgram, QStringLiteral("make: cannot make \"%1\": the formats are mp3, ogg and wav").arg(format));
     QString error;
-    const QString path = SteppedTone::file(format, seconds, &error);
+    const QString path = SteppedTone::file(formats.value(format), int(seconds), &error);
     if (path.isEmpty()) {
-        std::fprintf(stderr, "cabin-tone: %s\n", qPrintable(error));
+        std::fprintf(stderr, "%s: %s\n", kProgram, qPrintable(error));
         return 1;
     }
     std::printf("%s\n", qPrintable(path));
@@ -40,11 +70,13 @@ int make(const QStringList& args)
 
 int seconds(const QStringList& args)
 {
+    if (args.size() != 1)
+        return ToolOutput::refuse(kProgram, QStringLiteral("seconds takes one RECORDING.wav (see --help)"));
     WavReader reader;
     QString error;
-    if (args.size() != 1 || !reader.load(args.first(), &error)) {
-        std::fprintf(stderr, "cabin-tone: %s\n", args.size() != 1 ? "seconds RECORDING.wav" : qPrintable(error));
-        return args.size() != 1 ? 2 : 1;
+    if (!reader.load(args.first(), &error)) {
+        std::fprintf(stderr, "%s: %s: %s\n", kProgram, qPrintable(args.first()), qPrintable(error));
+        return 1;
     }
     const QList<int> found = reader.steppedSeconds();
     const QList<double> frequencies = reader.dominantFrequencies();
@@ -61,10 +93,15 @@ int main(int argc, char** argv)
     QCoreApplication app(argc, argv);
     QStringList args = app.arguments().mid(1);
     const QString command = args.isEmpty() ? QString() : args.takeFirst();
+    if (command == QLatin1String("--help") || command == QLatin1String("-h")) {
+        std::printf(kHelp, kMaxSeconds);
+        return 0;
+    }
     if (command == QLatin1String("make"))
         return make(args);
     if (command == QLatin1String("seconds"))
         return seconds(args);
-    std::fputs("usage: cabin-tone make SECONDS [mp3|ogg|wav] | cabin-tone seconds RECORDING.wav\n", stderr);
-    return 2;
+    if (command.isEmpty())
+        return ToolOutput::refuse(kProgram, QStringLiteral("give make or seconds (see --help)"));
+    return ToolOutput::refuse(kProgram, QStringLiteral("unknown command \"%1\": make or seconds (see --help)").arg(command));
 }
