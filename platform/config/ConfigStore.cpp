@@ -130,14 +130,11 @@ bool hasUnquotedSemicolon(const QString& value)
 }
 
 // The keys, as QSettings names them ("section/key"), whose value a ";" cuts short.
-QStringList keysCutBySemicolon(const QString& path)
+QStringList keysCutBySemicolon(const QByteArray& contents)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
-        return {};
-    QStringList keys;
+QStringList keys;
     QString section;
-    for (const QString& raw : QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'))) {
+    for (const QString& raw : QString::fromUtf8(contents).split(QLatin1Char('\n'))) {
         const QString line = raw.trimmed();
         if (line.startsWith(QLatin1Char('[')) && line.endsWith(QLatin1Char(']'))) {
             section = line.mid(1, line.size() - 2).trimmed();
@@ -167,9 +164,9 @@ int firstMalformedLine(const QByteArray& contents)
     return 0;
 }
 
-} // namespace
-
-bool ConfigStore::checkSettingsFile(const QString& path, QString* error)
+// The file's contents, when it exists, can be read and has no malformed line; else *error
+// says which of these failed.
+bool readSettingsFile(const QString& path, QByteArray* contents, QString* error)
 {
     const QFileInfo info(path);
     if (!info.exists()) {
@@ -181,7 +178,8 @@ bool ConfigStore::checkSettingsFile(const QString& path, QString* error)
         *error = QStringLiteral("settings file %1 is not readable: %2").arg(path, info.isFile() ? file.errorString() : QStringLiteral("not a file"));
         return false;
     }
-    const int bad = firstMalformedLine(file.readAll());
+    *contents = file.readAll();
+    const int bad = firstMalformedLine(*contents);
     if (bad > 0) {
         *error = QStringLiteral("settings file %1, line %2: neither [section], key=value nor a ; comment").arg(path).arg(bad);
         return false;
@@ -189,12 +187,21 @@ bool ConfigStore::checkSettingsFile(const QString& path, QString* error)
     return true;
 }
 
+} // namespace
+
+bool ConfigStore::checkSettingsFile(const QString& path, QString* error)
+{
+    QByteArray contents;
+    return readSettingsFile(path, &contents, error);
+}
+
 bool ConfigStore::loadSettingsFile(const QString& path)
 {
     if (!QFileInfo::exists(path))
         return false;
     QString error;
-    if (!checkSettingsFile(path, &error)) {
+    QByteArray contents;
+    if (!readSettingsFile(path, &contents, &error)) {
         LOG_WARN << error << "; using the defaults";
         return false;
     }
@@ -209,7 +216,7 @@ bool ConfigStore::loadSettingsFile(const QString& path)
         if (!set(key, settingText(settings.value(key)), &error))
             LOG_WARN << "settings file " << path << ": " << error << "; keeping the default";
     }
-    for (const QString& key : keysCutBySemicolon(path))
+    for (const QString& key : keysCutBySemicolon(contents))
         LOG_WARN << "settings file " << path << ": the value of " << key
                  << " holds a \";\", which starts a comment and cuts the value there; quote the value to keep it whole";
     return true;

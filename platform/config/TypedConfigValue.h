@@ -5,8 +5,8 @@
 
 #include <optional>
 
-// The bounds a numeric setting must keep, either or both open: {0} is "at least 0",
-// {0.0, 10.0} "from 0.0 to 10.0". A value outside them is refused like one of the wrong type.
+// The bounds a numeric setting must keep: {0} is "at least 0", {0.0, 10.0} "from 0.0 to
+// 10.0", {} any value. A value outside them is refused like one of the wrong type.
 template <class T>
 struct ConfigRange
 {
@@ -65,8 +65,6 @@ public:
             return QStringLiteral("from %1 to %2").arg(Traits::format(*mRange.min), Traits::format(*mRange.max));
         if (mRange.min)
             return QStringLiteral("at least %1").arg(Traits::format(*mRange.min));
-        if (mRange.max)
-            return QStringLiteral("at most %1").arg(Traits::format(*mRange.max));
         return QString();
     }
 
